@@ -1,0 +1,33 @@
+#include "ml/data/BoundingBoxSet.h"
+
+#include <fmt/format.h>
+
+namespace Velmoria::ML {
+
+BoundingBoxSet::BoundingBoxSet() = default;
+
+BoundingBoxSet::BoundingBoxSet(Boxes boxes)
+    : AnnotationSet(std::move(boxes))
+{}
+
+BoundingBoxSet::BoundingBoxSet(BoundingBoxSet const& other) = default;
+BoundingBoxSet::BoundingBoxSet(BoundingBoxSet&& other) noexcept = default;
+BoundingBoxSet& BoundingBoxSet::operator=(BoundingBoxSet const& other) = default;
+BoundingBoxSet& BoundingBoxSet::operator=(BoundingBoxSet&& other) noexcept = default;
+BoundingBoxSet::~BoundingBoxSet() = default;
+
+std::string BoundingBoxSet::describe() const
+{
+    return fmt::format("BoundingBoxSet '{}' ({} frames, {} boxes)", name(), size(), numBoxes());
+}
+
+std::size_t BoundingBoxSet::numBoxes() const
+{
+    std::size_t count = 0;
+    for (auto const& frame : m_frames)
+        for (auto const& channel : frame)
+            count += channel.size();
+    return count;
+}
+
+} // namespace Velmoria::ML

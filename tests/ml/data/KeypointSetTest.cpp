@@ -1,0 +1,347 @@
+#include "ml/data/KeypointSet.h"
+
+#include "ml/data/BoundingBoxSet.h"
+#include "ml/data/PointCloudConversion.h"
+#include "ml/data/TargetTag.h"
+
+#include "host/core/Log.h"
+#include "host/data/PointCloud.h"
+
+#include <gtest/gtest.h>
+
+#include <Eigen/Geometry>
+#include <cmath>
+#include <limits>
+#include <stdexcept>
+
+using namespace Velmoria;
+using namespace Velmoria::ML;
+using Eigen::Vector3d;
+
+namespace {
+
+double const kNan = std::numeric_limits<double>::quiet_NaN();
+
+// Two frames: frame 0 with two channels (2 points, 1 point), frame 1 with one empty channel.
+KeypointSet sampleKeypoints()
+{
+    return KeypointSet({{{Vector3d(1, 2, 3), Vector3d(-4, 0, 0)}, {Vector3d(0, 5, -1)}}, {{}}});
+}
+
+BoundingBoxSet sampleBoxes()
+{
+    return BoundingBoxSet(
+        {{{Box{Vector3d(0, 0, 0), Vector3d(2, 4, 6)}}}, {{Box{Vector3d(10, 0, 0), Vector3d(1, 1, 1)}}, {}}});
+}
+
+Eigen::Matrix4d rotationZ90WithShift()
+{
+    Eigen::Affine3d transform =
+        Eigen::Translation3d(10, 20, 30) * Eigen::AngleAxisd(M_PI / 2, Vector3d::UnitZ());
+    return transform.matrix();
+}
+
+} // namespace
+
+// Containers ---------------------------------------------------------------------------------
+
+TEST(KeypointSet, BoundsSurroundAllPointsOfAllFrames)
+{
+    KeypointSet const set = sampleKeypoints();
+    EXPECT_EQ(set.size(), 2u);
+    EXPECT_EQ(set.numPoints(), 3u);
+    EXPECT_EQ(set.bounds(), Geometry::AlignedBox(Vector3d(-4, 0, -1), Vector3d(1, 5, 3)));
+    EXPECT_TRUE(KeypointSet().bounds().isEmpty());
+    EXPECT_TRUE(KeypointSet(KeypointSet::Keypoints{{{}, {}}}).bounds().isEmpty());
+}
+
+TEST(BoundingBoxSet, BoundsSurroundAllBoxCorners)
+{
+    BoundingBoxSet const set = sampleBoxes();
+    EXPECT_EQ(set.bounds(), Geometry::AlignedBox(Vector3d(-1, -2, -3), Vector3d(10.5, 2, 3)));
+    EXPECT_TRUE(BoundingBoxSet().bounds().isEmpty());
+}
+
+TEST(Box, CornersAndFromCornersAreInverse)
+{
+    Box const box{Vector3d(1, 2, 3), Vector3d(2, 4, 8)};
+    EXPECT_EQ(box.topLeft(), Vector3d(0, 0, -1));
+    EXPECT_EQ(box.bottomRight(), Vector3d(2, 4, 7));
+    EXPECT_EQ(Box::fromCorners(box.topLeft(), box.bottomRight()), box);
+}
+
+TEST(KeypointSet, IsAnAnnotationInWorldCoordinates)
+{
+    KeypointSet const set = sampleKeypoints();
+    EXPECT_EQ(set.kind(), Data::Kind::Annotation);
+    EXPECT_TRUE(set.isAnnotationType());
+    EXPECT_TRUE(set.matrix().isIdentity(0.0));
+    EXPECT_EQ(set.describe(), "KeypointSet '' (2 frames, 3 points)");
+}
+
+TEST(KeypointSet, NanMakesSetsUnequalEvenToThemselves)
+{
+    KeypointSet a = sampleKeypoints();
+    KeypointSet b = sampleKeypoints();
+    EXPECT_TRUE(a.isEqual(b));
+    EXPECT_TRUE(a == b);
+    b.keypoints()[0][1][0].y() = kNan;
+    EXPECT_FALSE(a.isEqual(b));
+    EXPECT_FALSE(b.isEqual(a));
+    EXPECT_FALSE(b.isEqual(b));
+    EXPECT_FALSE(a.isApprox(b));
+    EXPECT_TRUE(a != b);
+}
+
+TEST(BoundingBoxSet, NanInExtentMakesSetsUnequal)
+{
+    BoundingBoxSet a = sampleBoxes();
+    BoundingBoxSet b = sampleBoxes();
+    EXPECT_TRUE(a == b);
+    b.boxes()[1][0][0].extent.z() = kNan;
+    EXPECT_FALSE(a == b);
+    EXPECT_FALSE(a.isApprox(b));
+}
+
+TEST(KeypointSet, StructureMustMatchForEqualityAndApprox)
+{
+    KeypointSet const base = sampleKeypoints();
+    KeypointSet extraChannel = sampleKeypoints();
+    extraChannel.keypoints()[1].emplace_back();
+    KeypointSet extraFrame = sampleKeypoints();
+    extraFrame.keypoints().emplace_back();
+    // The same points, but one moved to the other channel.
+    KeypointSet moved({{{Vector3d(1, 2, 3)}, {Vector3d(-4, 0, 0), Vector3d(0, 5, -1)}}, {{}}});
+    for (KeypointSet const* other : {&extraChannel, &extraFrame, &moved}) {
+        EXPECT_FALSE(base.isEqual(*other));
+        EXPECT_FALSE(base.isApprox(*other));
+    }
+}
+
+struct ApproxCase
+{
+    Vector3d point;
+    Vector3d delta;
+    bool approx;
+};
+
+class KeypointApproxTest : public ::testing::TestWithParam<ApproxCase>
+{};
+
+TEST_P(KeypointApproxTest, ToleranceIsRelativeWithAnAbsoluteFloor)
+{
+    ApproxCase const c = GetParam();
+    KeypointSet const a({{{c.point}}});
+    KeypointSet const b({{{Vector3d(c.point + c.delta)}}});
+    EXPECT_EQ(a.isApprox(b), c.approx);
+    EXPECT_EQ(b.isApprox(a), c.approx);
+    EXPECT_EQ(a.isEqual(b), c.delta.isZero(0.0));
+
+    BoundingBoxSet const boxA({{{Box{c.point, Vector3d(1, 1, 1)}}}});
+    BoundingBoxSet const boxB({{{Box{Vector3d(c.point + c.delta), Vector3d(1, 1, 1)}}}});
+    EXPECT_EQ(boxA.isApprox(boxB), c.approx);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, KeypointApproxTest,
+    ::testing::Values(ApproxCase{Vector3d(100, 200, 300), Vector3d::Zero(), true},
+                      ApproxCase{Vector3d(100, 200, 300), Vector3d(1e-5, 0, 0), true},  // 3e-8 relative
+                      ApproxCase{Vector3d(100, 200, 300), Vector3d(0, 0, 1e-2), false}, // 3e-5 relative
+                      ApproxCase{Vector3d(1e6, 0, 0), Vector3d(0.5, 0, 0), true},       // 5e-7 relative
+                      ApproxCase{Vector3d::Zero(), Vector3d(1e-10, 0, 0), true},        // floor at the origin
+                      ApproxCase{Vector3d::Zero(), Vector3d(1e-6, 0, 0), false},        // beyond the floor
+                      ApproxCase{Vector3d(1e-3, 0, 0), Vector3d(0, 1e-7, 0), false}));  // 1e-4 relative
+
+TEST(KeypointSet, AppendFrameCopiesAndChecksTheIndex)
+{
+    KeypointSet target;
+    KeypointSet const source = sampleKeypoints();
+    target.appendFrame(source, 1);
+    target.appendFrame(source, 0);
+    ASSERT_EQ(target.size(), 2u);
+    EXPECT_EQ(target.keypoints()[0], source.keypoints()[1]);
+    EXPECT_EQ(target.keypoints()[1], source.keypoints()[0]);
+    EXPECT_THROW(target.appendFrame(source, 2), std::out_of_range);
+    EXPECT_EQ(target.size(), 2u);
+
+    // Appending from itself must not read through a reference invalidated by the growth.
+    for (int i = 0; i < 20; ++i)
+        target.appendFrame(target, 1);
+    EXPECT_EQ(target.keypoints().back(), source.keypoints()[0]);
+
+    BoundingBoxSet boxes;
+    EXPECT_THROW(boxes.appendFrame(sampleBoxes(), 5), std::out_of_range);
+    boxes.append(sampleBoxes());
+    EXPECT_EQ(boxes, sampleBoxes());
+}
+
+TEST(KeypointSet, CopiesCarryNameAndComponents)
+{
+    KeypointSet set = sampleKeypoints();
+    set.setName("landmarks");
+    set.components().add(std::make_unique<TargetTag>());
+    KeypointSet const copy(set);
+    EXPECT_EQ(copy, set);
+    EXPECT_EQ(copy.name(), "landmarks");
+    EXPECT_NE(copy.components().get<TargetTag>(), nullptr);
+    EXPECT_NE(copy.components().get<TargetTag>(), set.components().get<TargetTag>());
+
+    KeypointSet moved(std::move(set));
+    EXPECT_EQ(moved.name(), "landmarks");
+    EXPECT_EQ(moved.size(), 2u);
+    EXPECT_NE(moved.components().get<TargetTag>(), nullptr);
+    EXPECT_TRUE(set.empty()); // NOLINT(bugprone-use-after-move): the moved-from state is defined
+
+    KeypointSet other;
+    EXPECT_TRUE(other.swapWith(moved));
+    EXPECT_EQ(other.name(), "landmarks");
+    EXPECT_EQ(other.size(), 2u);
+    EXPECT_TRUE(moved.empty());
+}
+
+TEST(KeypointSet, MovingTheSetMovesThePointsAndKeepsTheIdentity)
+{
+    KeypointSet set({{{Vector3d(1, 0, 0)}, {Vector3d(0, 2, 0)}}});
+    set.setMatrixToWorld(rotationZ90WithShift());
+    EXPECT_TRUE(set.matrixToWorld().isIdentity(0.0));
+    EXPECT_TRUE(set.keypoints()[0][0][0].isApprox(Vector3d(10, 21, 30)));
+    EXPECT_TRUE(set.keypoints()[0][1][0].isApprox(Vector3d(8, 20, 30)));
+}
+
+TEST(BoundingBoxSet, MovingTheSetRotatesBoxesToTheirAlignedHull)
+{
+    BoundingBoxSet set({{{Box{Vector3d(1, 0, 0), Vector3d(2, 4, 6)}}}});
+    set.setMatrix(rotationZ90WithShift());
+    Box const& box = set.boxes()[0][0][0];
+    EXPECT_TRUE(box.center.isApprox(Vector3d(10, 21, 30)));
+    // A quarter turn about z swaps the x and y widths.
+    EXPECT_TRUE(box.extent.isApprox(Vector3d(4, 2, 6)));
+    EXPECT_TRUE(set.matrix().isIdentity(0.0));
+}
+
+TEST(AnnotationSets, CanBeShownOnlyWhenEveryEntryIsDrawable)
+{
+    EXPECT_TRUE(KeypointSet().canBeShownIn2D3D());
+    EXPECT_TRUE(BoundingBoxSet().canBeShownIn2D3D());
+    EXPECT_TRUE(sampleKeypoints().canBeShownIn2D3D());
+    EXPECT_TRUE(sampleBoxes().canBeShownIn2D3D());
+    KeypointSet withNan = sampleKeypoints();
+    withNan.keypoints()[0][0][1].x() = kNan;
+    EXPECT_FALSE(withNan.canBeShownIn2D3D());
+    BoundingBoxSet inverted = sampleBoxes();
+    inverted.boxes()[0][0][0].extent.x() = -1;
+    EXPECT_FALSE(inverted.canBeShownIn2D3D());
+}
+
+TEST(AnnotationSets, SelectionStaysWithinTheFrames)
+{
+    KeypointSet set = sampleKeypoints();
+    set.setSelection(Selection({1, 3}, 3));
+    EXPECT_EQ(set.selection().indices(), (std::vector<int>{1}));
+    EXPECT_LT(set.focus(), 2);
+}
+
+// Point clouds -------------------------------------------------------------------------------
+
+TEST(PointCloudConversion, LabelsOneAndThreeGiveChannelsZeroAndTwo)
+{
+    PointCloud cloud({Vector3d(1, 0, 0), Vector3d(2, 0, 0), Vector3d(3, 0, 0)}, false, false);
+    ASSERT_TRUE(cloud.setLabels({3, 1, 3}));
+    Log::Capture capture;
+    KeypointSet const set(cloud);
+    EXPECT_TRUE(capture.records().empty());
+    ASSERT_EQ(set.size(), 1u);
+    ASSERT_EQ(set.keypoints()[0].size(), 3u);
+    EXPECT_EQ(set.keypoints()[0][0], (std::vector<Vector3d>{Vector3d(2, 0, 0)}));
+    EXPECT_TRUE(set.keypoints()[0][1].empty());
+    EXPECT_EQ(set.keypoints()[0][2], (std::vector<Vector3d>{Vector3d(1, 0, 0), Vector3d(3, 0, 0)}));
+}
+
+TEST(PointCloudConversion, FramesShareTheLargestChannelCount)
+{
+    PointCloud first({Vector3d(1, 1, 1)}, false, false);
+    first.setLabels({1});
+    PointCloud second({Vector3d(2, 2, 2)}, false, false);
+    second.setLabels({4});
+    KeypointSet const set(std::vector<PointCloud const*>{&first, &second});
+    ASSERT_EQ(set.size(), 2u);
+    EXPECT_EQ(set.keypoints()[0].size(), 4u);
+    EXPECT_EQ(set.keypoints()[1].size(), 4u);
+    EXPECT_EQ(set.keypoints()[1][3], (std::vector<Vector3d>{Vector3d(2, 2, 2)}));
+}
+
+TEST(PointCloudConversion, CloudWithoutLabelsWarnsAndUsesChannelZero)
+{
+    PointCloud cloud({Vector3d(1, 0, 0), Vector3d(0, 1, 0)}, false, false);
+    Log::Capture capture;
+    KeypointSet const set(cloud);
+    EXPECT_TRUE(
+        capture.contains("PointCloud does not have any label - all points will be mapped to the zero label.",
+                         "ML.KeypointSet"));
+    EXPECT_EQ(capture.messages(Log::Warning).size(), 1u);
+    ASSERT_EQ(set.size(), 1u);
+    ASSERT_EQ(set.keypoints()[0].size(), 1u);
+    EXPECT_EQ(set.keypoints()[0][0].size(), 2u);
+}
+
+class PointCloudBadLabelTest : public ::testing::TestWithParam<int>
+{};
+
+TEST_P(PointCloudBadLabelTest, LabelBelowOneGivesAnEmptySet)
+{
+    PointCloud good({Vector3d(1, 0, 0)}, false, false);
+    good.setLabels({1});
+    PointCloud bad({Vector3d(1, 0, 0), Vector3d(2, 0, 0)}, false, false);
+    bad.setLabels({2, GetParam()});
+    Log::Capture capture;
+    KeypointSet const set(std::vector<PointCloud const*>{&good, &bad});
+    EXPECT_TRUE(set.empty());
+    EXPECT_TRUE(capture.contains(
+        "PointCloud labels are expected to be > 0 to be correctly mapped to KeypointSet channels.",
+        "ML.KeypointSet"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Labels, PointCloudBadLabelTest, ::testing::Values(0, -1, -100));
+
+TEST(PointCloudConversion, NullCloudGivesAnEmptySet)
+{
+    Log::Capture capture;
+    KeypointSet const set(std::vector<PointCloud const*>{nullptr});
+    EXPECT_TRUE(set.empty());
+    EXPECT_TRUE(capture.contains("PointCloud 0 of 1 is null; no KeypointSet can be made", "ML.KeypointSet"));
+}
+
+TEST(PointCloudConversion, PlacedCloudGivesWorldCoordinates)
+{
+    PointCloud cloud({Vector3d(1, 0, 0), Vector3d(0, 0, 5)}, false, false);
+    cloud.setLabels({1, 2});
+    cloud.setMatrixToWorld(rotationZ90WithShift());
+    KeypointSet const set(cloud);
+    ASSERT_EQ(set.size(), 1u);
+    ASSERT_EQ(set.keypoints()[0].size(), 2u);
+    EXPECT_TRUE(set.keypoints()[0][0][0].isApprox(Vector3d(10, 21, 30)));
+    EXPECT_TRUE(set.keypoints()[0][1][0].isApprox(Vector3d(10, 20, 35)));
+}
+
+TEST(PointCloudConversion, KeypointsToCloudsAndBack)
+{
+    KeypointSet set = sampleKeypoints();
+    set.setName("marks");
+    auto const clouds = keypointsToPointClouds(set);
+    ASSERT_EQ(clouds.size(), 2u);
+    PointCloud const& first = *clouds[0];
+    EXPECT_EQ(first.name(), "marks");
+    EXPECT_EQ(first.points(),
+              (std::vector<Vector3d>{Vector3d(1, 2, 3), Vector3d(-4, 0, 0), Vector3d(0, 5, -1)}));
+    EXPECT_EQ(first.labels(), (std::vector<int>{1, 1, 2}));
+    EXPECT_EQ(first.normals().size(), 3u);
+    EXPECT_EQ(first.colors().size(), 3u);
+    EXPECT_EQ(clouds[1]->size(), 0u);
+
+    // Frame 1 had one empty channel; after the round trip every frame has the largest count.
+    KeypointSet expected = sampleKeypoints();
+    expected.keypoints()[1].resize(2);
+    Log::Capture capture;
+    EXPECT_EQ(pointCloudsToKeypoints(clouds), expected);
+    EXPECT_TRUE(capture.records().empty());
+}
