@@ -1,0 +1,7 @@
+#include "host/plugin/ApplicationController.h"
+
+namespace Velmoria {
+
+ApplicationController::~ApplicationController() = default;
+
+} // namespace Velmoria
