@@ -3,6 +3,7 @@
 #include "ml/data/TargetTag.h"
 #include "ml/operations/OperationFactory.h"
 #include "ml/operations/catalogue/ItemStructureOperations.h"
+#include "ml/operations/catalogue/LabelOperations.h"
 
 #include "host/data/DataComponentFactory.h"
 
@@ -29,8 +30,10 @@ OperationRow row(char const* name)
 std::vector<OperationRow> const& operationRows()
 {
     static std::vector<OperationRow> const rows = {
+        row<ArgMaxOperation>("ArgMax"),
         row<CopyOperation>("Copy"),
         row<MarkAsTargetOperation>("MarkAsTarget"),
+        row<OneHotOperation>("OneHot"),
         row<RemoveOperation>("Remove"),
         row<RenameOperation>("Rename"),
         row<SetLabelModalityOperation>("SetLabelModality"),
