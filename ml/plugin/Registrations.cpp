@@ -2,6 +2,7 @@
 
 #include "ml/data/TargetTag.h"
 #include "ml/operations/OperationFactory.h"
+#include "ml/operations/catalogue/IntensityOperations.h"
 #include "ml/operations/catalogue/ItemStructureOperations.h"
 #include "ml/operations/catalogue/LabelOperations.h"
 
@@ -30,13 +31,22 @@ OperationRow row(char const* name)
 std::vector<OperationRow> const& operationRows()
 {
     static std::vector<OperationRow> const rows = {
+        row<AdjustShiftScaleOperation>("AdjustShiftScale"),
         row<ArgMaxOperation>("ArgMax"),
+        row<ClipOperation>("Clip"),
         row<CopyOperation>("Copy"),
+        row<InvertOperation>("Invert"),
+        row<LinearIntensityMappingOperation>("LinearIntensityMapping"),
+        row<MakeFloatOperation>("MakeFloat"),
         row<MarkAsTargetOperation>("MarkAsTarget"),
+        row<NormalizeNormalOperation>("NormalizeNormal"),
         row<OneHotOperation>("OneHot"),
         row<RemoveOperation>("Remove"),
         row<RenameOperation>("Rename"),
         row<SetLabelModalityOperation>("SetLabelModality"),
+        row<SigmoidOperation>("Sigmoid"),
+        row<TanhOperation>("Tanh"),
+        row<ThresholdOperation>("Threshold"),
     };
     return rows;
 }
