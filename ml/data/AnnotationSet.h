@@ -56,6 +56,15 @@ public:
     // Number of frames (samples).
     std::size_t size() const { return m_frames.size(); }
     bool empty() const { return m_frames.empty(); }
+    // All entries of all channels of all frames.
+    std::size_t numEntries() const
+    {
+        std::size_t count = 0;
+        for (auto const& frame : m_frames)
+            for (auto const& channel : frame)
+                count += channel.size();
+        return count;
+    }
     Frames const& frames() const { return m_frames; }
     Frames& frames() { return m_frames; }
 

@@ -23,11 +23,7 @@ std::string KeypointSet::describe() const
 
 std::size_t KeypointSet::numPoints() const
 {
-    std::size_t count = 0;
-    for (auto const& frame : m_frames)
-        for (auto const& channel : frame)
-            count += channel.size();
-    return count;
+    return numEntries();
 }
 
 } // namespace Velmoria::ML
