@@ -39,14 +39,13 @@
     VELMORIA_PLUGIN_MAGIC_MARKER "|hostversion=" VELMORIA_PLUGIN_HOST_VERSION "|buildflags=" buildFlags      \
                                  "|pluginversion=" pluginVersion
 
-// Exported with default visibility: a dynamic symbol survives the linker's garbage collection of
-// unused sections, so the text is certain to be in the file.
+// A file-local array: the loader finds the text in the file's bytes, so it needs no dynamic
+// symbol, and a local one keeps plug-ins loaded side by side from defining the same global
+// (which AddressSanitizer reports as an ODR violation). `used` keeps the unreferenced array in
+// the object file; nothing in our links discards unreferenced sections.
 #define VELMORIA_DEFINE_PLUGIN_MAGIC(buildFlags, pluginVersion)                                              \
-    extern "C" {                                                                                             \
-    __attribute__((visibility("default"))) extern char const velmoriaPluginMagic[];                          \
-    __attribute__((used)) char const velmoriaPluginMagic[] =                                                 \
-        VELMORIA_PLUGIN_MAGIC_STRING(buildFlags, pluginVersion);                                             \
-    }
+    __attribute__((used)) static char const velmoriaPluginMagic[] =                                          \
+        VELMORIA_PLUGIN_MAGIC_STRING(buildFlags, pluginVersion);
 
 namespace Velmoria::PluginMagic {
 

@@ -36,11 +36,8 @@
 
 #ifndef TEST_PLUGIN_NO_MAGIC
 #ifdef TEST_PLUGIN_HOST_VERSION
-extern "C" {
-__attribute__((visibility("default"))) extern char const velmoriaPluginMagic[];
-__attribute__((used)) char const velmoriaPluginMagic[] =
+__attribute__((used)) static char const velmoriaPluginMagic[] =
     VELMORIA_PLUGIN_MAGIC_MARKER "|hostversion=" TEST_PLUGIN_HOST_VERSION "|buildflags=|pluginversion=1.0";
-}
 #else
 VELMORIA_DEFINE_PLUGIN_MAGIC("TEST", "1.0")
 #endif
