@@ -4,6 +4,7 @@
 
 #include "ml/data/DataItem.h"
 
+#include "ml/TestHelpers.h"
 #include "ml/data/BoundingBoxSet.h"
 #include "ml/data/ImageElement.h"
 #include "ml/data/ImageSetFixtures.h"
@@ -31,17 +32,6 @@ using namespace Velmoria::ML;
 using namespace Velmoria::MLTest;
 
 namespace {
-
-template <class Exception, class Function>
-void expectThrowWithMessage(Function&& function, std::string const& message)
-{
-    try {
-        function();
-        ADD_FAILURE() << "expected an exception with: " << message;
-    } catch (Exception const& e) {
-        EXPECT_EQ(std::string(e.what()), message);
-    }
-}
 
 std::vector<std::string> keysOf(DataItem const& item)
 {

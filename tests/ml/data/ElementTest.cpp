@@ -1,6 +1,7 @@
 // Tests of the element layer under DataItem: element type names, OrderedMap, TargetTag and the
 // image-set based elements (invariants, dimension, split/stack/clone sharing and records).
 
+#include "ml/TestHelpers.h"
 #include "ml/data/DataElement.h"
 #include "ml/data/ImageElement.h"
 #include "ml/data/ImageSetFixtures.h"
@@ -25,17 +26,6 @@ using namespace Velmoria::ML;
 using namespace Velmoria::MLTest;
 
 namespace {
-
-template <class Exception, class Function>
-void expectThrowWithMessage(Function&& function, std::string const& message)
-{
-    try {
-        function();
-        ADD_FAILURE() << "expected an exception with: " << message;
-    } catch (Exception const& e) {
-        EXPECT_EQ(std::string(e.what()), message);
-    }
-}
 
 DataSourceInfo source(int index)
 {

@@ -3,6 +3,7 @@
 
 #include "ml/operations/catalogue/IntensityOperations.h"
 
+#include "ml/TestHelpers.h"
 #include "ml/data/DataItem.h"
 #include "ml/data/ImageElement.h"
 #include "ml/data/VectorElement.h"
@@ -39,16 +40,7 @@ std::shared_ptr<SharedImage> frameOf(Eigen::Vector3i const& size, int channels,
                                      std::vector<double> const& stored, double shift = 0.0,
                                      double scale = 1.0)
 {
-    auto pixels = TypedImage<T>::zeros(size, channels);
-    for (std::size_t i = 0; i < stored.size(); ++i)
-        pixels->setValue(static_cast<T>(stored[i]), i);
-    pixels->setSpacing(Eigen::Vector3d(0.7, 1.1, 2.5), true);
-    pixels->setShiftScale(shift, scale);
-    auto frame = std::make_shared<SharedImage>(std::shared_ptr<Image>(std::move(pixels)));
-    Eigen::Affine3d const t =
-        Eigen::Translation3d(-4.0, 7.0, 12.0) * Eigen::AngleAxisd(0.5, Eigen::Vector3d::UnitZ());
-    frame->setMatrixToWorld(t.matrix());
-    return frame;
+    return MLTest::placedFrame<T>(size, channels, stored, shift, scale);
 }
 
 // Random stored values that every pixel type holds.

@@ -2,6 +2,7 @@
 
 #include "ml/operations/catalogue/LabelOperations.h"
 
+#include "ml/TestHelpers.h"
 #include "ml/data/DataItem.h"
 #include "ml/data/ImageElement.h"
 #include "ml/operations/OperationException.h"
@@ -26,26 +27,13 @@ namespace {
 using AllPixelTypes =
     ::testing::Types<char, unsigned char, short, unsigned short, int, unsigned int, float, double>;
 
-Eigen::Matrix4d placement()
-{
-    Eigen::Affine3d t =
-        Eigen::Translation3d(-4.0, 7.0, 12.0) * Eigen::AngleAxisd(0.5, Eigen::Vector3d::UnitZ());
-    return t.matrix();
-}
-
 // A frame of `channels` channels holding `stored` (interleaved) values, placed and spaced.
 template <class T>
 std::shared_ptr<SharedImage> frameOf(Eigen::Vector3i const& size, int channels,
                                      std::vector<double> const& stored, double shift = 0.0,
                                      double scale = 1.0)
 {
-    auto pixels = TypedImage<T>::zeros(size, channels);
-    for (std::size_t i = 0; i < stored.size(); ++i)
-        pixels->setValue(static_cast<T>(stored[i]), i);
-    pixels->setSpacing(Eigen::Vector3d(0.7, 1.1, 2.5), true);
-    pixels->setShiftScale(shift, scale);
-    auto frame = std::make_shared<SharedImage>(std::shared_ptr<Image>(std::move(pixels)));
-    frame->setMatrixToWorld(placement());
+    auto frame = MLTest::placedFrame<T>(size, channels, stored, shift, scale);
     frame->setDeformation(std::make_shared<ConstantDeformation>(Eigen::Vector3d(0.0, 1.0, 0.0)));
     return frame;
 }
