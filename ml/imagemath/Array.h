@@ -17,6 +17,15 @@
 // Assignment `array = expression` (or assign(), which says whether it worked) is the only place
 // where pixels are computed; see CpuEvaluator.h. Copying an Array copies the handle;
 // assigning one Array to another evaluates, as for any expression.
+//
+// Partial assignment. assignRegion(expression, region) writes only a box and/or some channels
+// of every frame; the views `array.block(offset, size)` and `array.channels({...})` (BlockView.h,
+// Channels.h) narrow the region and call it, so `img.block(o, s) = 0` loops over the box only.
+// The expression is then evaluated on a domain of the box's size: its operands must have that
+// size (take `.block()` of a larger operand) and as many channels as the region writes. A
+// region that does not lie inside a frame, or names a channel twice or out of range, is
+// refused with a log line and nothing is written; it is never clipped, because a clipped
+// box would silently write fewer pixels than the caller asked for.
 
 #include "ml/imagemath/ExprBase.h"
 
@@ -26,7 +35,9 @@
 
 #include <Eigen/Core>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace Velmoria::ImageMath {
 
@@ -56,6 +67,20 @@ struct ArraySampling
 template <class Storage, class Type = void>
 class Array;
 
+// The part of each target frame that an assignment writes (see the file comment).
+struct WriteRegion
+{
+    Eigen::Vector3i offset = Eigen::Vector3i::Zero();
+    std::optional<Eigen::Vector3i> size; // nullopt: from offset to the end of the frame
+    std::vector<int> channels;           // target channel of each expression channel; empty: all
+};
+
+// Whether an expression can be assigned to: Arrays, and block/channel views of writable ones.
+template <class E>
+inline constexpr bool isWritable = false;
+template <class Storage, class Type>
+inline constexpr bool isWritable<Array<Storage, Type>> = true;
+
 namespace Detail {
 
 // Whether frame `frame` (of a set, or the one image) fits a target of that pixel type and
@@ -63,6 +88,22 @@ namespace Detail {
 bool checkLeafFrame(SharedImage const* frame, int image, PixelType expected, ImageDescriptor const& shape,
                     std::string& why);
 bool checkLeafShape(ImageDescriptor const& desc, ImageDescriptor const& shape, std::string& why);
+
+// A WriteRegion resolved against one frame: box and target channels spelled out.
+struct FrameRegion
+{
+    Eigen::Vector3i offset = Eigen::Vector3i::Zero();
+    Eigen::Vector3i size = Eigen::Vector3i::Zero();
+    std::vector<int> channels; // target channel of each expression channel
+    bool allChannels = true;   // channels is 0, 1, ..., channels − 1 of the target
+};
+
+// Resolves `region` against frame `image` of descriptor `frame`; false, with a log line, when it
+// does not lie inside the frame or names a channel twice or out of range.
+bool resolveRegion(WriteRegion const& region, ImageDescriptor const& frame, int image, FrameRegion& resolved);
+// The shape an expression must have to fill `region` of a frame: the box's dimensions and
+// the number of written channels.
+ImageDescriptor regionShape(ImageDescriptor const& frame, FrameRegion const& region);
 
 } // namespace Detail
 
@@ -90,7 +131,13 @@ public:
     // Evaluates `expression` into this image. False, with a log line, when an operand does not
     // fit; the image is unchanged then.
     template <class E>
-    bool assign(ExprBaseTpl<E> const& expression);
+    bool assign(ExprBaseTpl<E> const& expression)
+    {
+        return assignRegion(expression, WriteRegion{});
+    }
+    // Evaluates `expression` into `region` of every frame only (see the file comment).
+    template <class E>
+    bool assignRegion(ExprBaseTpl<E> const& expression, WriteRegion const& region);
     template <class E>
     Array& operator=(ExprBaseTpl<E> const& expression)
     {
@@ -118,7 +165,7 @@ public:
     {
         return *this;
     }
-    ValueType value(Index, Index offset, int) const
+    ValueType value(Position const&, Index offset, int) const
     {
         ValueType const v = static_cast<ValueType>(m_data[offset]);
         return m_convert ? v / m_scale - m_shift : v;
@@ -150,7 +197,13 @@ public:
     Array(Array const&) = default;
 
     template <class E>
-    bool assign(ExprBaseTpl<E> const& expression);
+    bool assign(ExprBaseTpl<E> const& expression)
+    {
+        return assignRegion(expression, WriteRegion{});
+    }
+    // Evaluates `expression` into `region` of every frame only (see the file comment).
+    template <class E>
+    bool assignRegion(ExprBaseTpl<E> const& expression, WriteRegion const& region);
     template <class E>
     Array& operator=(ExprBaseTpl<E> const& expression)
     {
@@ -222,7 +275,13 @@ public:
     Array(Array const&) = default;
 
     template <class E>
-    bool assign(ExprBaseTpl<E> const& expression);
+    bool assign(ExprBaseTpl<E> const& expression)
+    {
+        return assignRegion(expression, WriteRegion{});
+    }
+    // Evaluates `expression` into `region` of every frame only (see the file comment).
+    template <class E>
+    bool assignRegion(ExprBaseTpl<E> const& expression, WriteRegion const& region);
     template <class E>
     Array& operator=(ExprBaseTpl<E> const& expression)
     {

@@ -14,8 +14,16 @@
 //      with the offset computed once per row. Single-channel images take a loop without the
 //      channel level so that it vectorises.
 //   4. the frame is marked setDirtyGl(): its GPU copy, if any, is stale.
-// Reading the target inside the expression is safe: each value depends on its own position
-// only, and is read before it is written.
+// Reading the target inside the expression is safe: a value depends on its own pixel only, and
+// all channels of a pixel are computed (into a per-thread buffer of one pixel) before any of
+// them is written, so in-place channel swaps (img = swizzle(img, {2, 1, 0})) and per-pixel
+// normalisations (img = img / length(img)) read the old values. Not so for a block assigned
+// from an overlapping block of the same image, which reads other pixels: copy through a
+// temporary then.
+//
+// A partial assignment (assignRegion, the block and channel views) runs the same loop over the
+// region's box only, with box-relative positions for the expression and a channel map for the
+// writes; every node sees a Position (x, y, z, flat pixel) of that domain, see ExprBase.h.
 //
 // The pragmas need -fopenmp where these templates are instantiated: the ML library has it;
 // tests and programs that instantiate them link OpenMP::OpenMP_CXX.
@@ -46,12 +54,16 @@ inline std::pair<int, int> sliceBlock(int slices, int thread, int threads)
     return {first, first + base + (thread < extra ? 1 : 0)};
 }
 
-// Writes every value of `target` from the converted tree `expr`. Convert: the target is not
-// normalised and stores (v + shift) · scale.
+// Writes `region` of `target` from the converted tree `expr`, evaluated on a domain of the
+// region's size. Convert: the target is not normalised and stores (v + shift) · scale.
+//
+// Each thread evaluates its own copy of the tree: nodes that keep per-thread state (the row
+// buffer of a PolyWrapper) then own it, and for all other nodes the copy is a few handles.
 template <bool Convert, class T, class Bound>
-void evaluateFrame(TypedImage<T>& target, Bound const& expr, double shift, double scale)
+void evaluateFrame(TypedImage<T>& target, Bound const& expr, double shift, double scale,
+                   FrameRegion const& region)
 {
-    using V = std::decay_t<decltype(expr.value(0, 0, 0))>;
+    using V = std::decay_t<decltype(expr.value(Position{}, 0, 0))>;
     using W = std::conditional_t<std::is_floating_point_v<V>, V, double>;
     W const writeShift = static_cast<W>(shift);
     W const writeScale = static_cast<W>(scale);
@@ -65,22 +77,53 @@ void evaluateFrame(TypedImage<T>& target, Bound const& expr, double shift, doubl
     T* const out = target.pointer();
     int const width = target.width();
     int const height = target.height();
-    int const slices = target.slices();
     int const channels = target.channels();
+    int const boxWidth = region.size.x();
+    int const boxHeight = region.size.y();
+    int const boxSlices = region.size.z();
+    int const exprChannels = static_cast<int>(region.channels.size());
+    int const* const channelMap = region.channels.data();
+    bool const allChannels = region.allChannels;
+    Eigen::Vector3i const origin = region.offset;
 #pragma omp parallel
     {
-        auto const [firstSlice, lastSlice] = sliceBlock(slices, omp_get_thread_num(), omp_get_num_threads());
+        Bound const local = expr;
+        // One pixel's values, all computed before any is written (see the file comment).
+        std::vector<W> pixelValues(static_cast<std::size_t>(std::max(1, exprChannels)));
+        W* const values = pixelValues.data();
+        auto const [firstSlice, lastSlice] =
+            sliceBlock(boxSlices, omp_get_thread_num(), omp_get_num_threads());
         for (int z = firstSlice; z < lastSlice; ++z)
-            for (int y = 0; y < height; ++y) {
-                Index const rowPixel = (static_cast<Index>(z) * height + y) * width;
-                Index offset = rowPixel * channels;
-                if (channels == 1) {
-                    for (Index x = 0; x < width; ++x)
-                        out[offset + x] = store(expr.value(rowPixel + x, offset + x, 0));
+            for (int y = 0; y < boxHeight; ++y) {
+                Index const rowPixel = (static_cast<Index>(z) * boxHeight + y) * boxWidth;
+                Index const outPixel =
+                    (static_cast<Index>(z + origin.z()) * height + y + origin.y()) * width + origin.x();
+                if (allChannels && channels == 1) {
+                    for (int x = 0; x < boxWidth; ++x)
+                        out[outPixel + x] =
+                            store(local.value(Position{x, y, z, rowPixel + x}, rowPixel + x, 0));
+                } else if (allChannels) {
+                    Index offset = rowPixel * channels;
+                    Index outOffset = outPixel * channels;
+                    for (int x = 0; x < boxWidth; ++x) {
+                        Position const position{x, y, z, rowPixel + x};
+                        for (int c = 0; c < channels; ++c)
+                            values[c] = static_cast<W>(local.value(position, offset + c, c));
+                        for (int c = 0; c < channels; ++c)
+                            out[outOffset + c] = store(values[c]);
+                        offset += channels;
+                        outOffset += channels;
+                    }
                 } else {
-                    for (Index x = 0; x < width; ++x)
-                        for (int c = 0; c < channels; ++c, ++offset)
-                            out[offset] = store(expr.value(rowPixel + x, offset, c));
+                    for (int x = 0; x < boxWidth; ++x) {
+                        Position const position{x, y, z, rowPixel + x};
+                        Index const offset = (rowPixel + x) * exprChannels;
+                        Index const outOffset = (outPixel + x) * channels;
+                        for (int c = 0; c < exprChannels; ++c)
+                            values[c] = static_cast<W>(local.value(position, offset + c, c));
+                        for (int c = 0; c < exprChannels; ++c)
+                            out[outOffset + channelMap[c]] = store(values[c]);
+                    }
                 }
             }
     }
@@ -111,7 +154,8 @@ bool checkFrameCount(ExprBaseTpl<E> const& expression, int targetFrames)
 
 // Steps 2 and 3 of the file comment for one checked frame.
 template <class E>
-void evaluateIntoMem(ExprBaseTpl<E> const& expression, int image, MemImage& target, bool normalized)
+void evaluateIntoMem(ExprBaseTpl<E> const& expression, int image, MemImage& target, bool normalized,
+                     FrameRegion const& region)
 {
     ImageDescriptor const& desc = target.descriptor();
     visitPixelType(desc.pixelType, [&](auto tag) {
@@ -119,9 +163,9 @@ void evaluateIntoMem(ExprBaseTpl<E> const& expression, int image, MemImage& targ
         auto& typed = static_cast<TypedImage<T>&>(target);
         auto const bound = expression.derived().template convertToMemImgExpr<T>(image);
         if (!normalized && (desc.shift != 0.0 || desc.scale != 1.0))
-            evaluateFrame<true>(typed, bound, desc.shift, desc.scale);
+            evaluateFrame<true>(typed, bound, desc.shift, desc.scale, region);
         else
-            evaluateFrame<false>(typed, bound, desc.shift, desc.scale);
+            evaluateFrame<false>(typed, bound, desc.shift, desc.scale, region);
     });
 }
 
@@ -140,6 +184,7 @@ std::vector<double> reduceFrame(E const& expression, int image, ImageDescriptor 
     {
         // One partial per thread and channel, merged once at the end.
         std::vector<double> partial(static_cast<std::size_t>(channels), Traits::template identity<double>());
+        auto const local = bound; // see evaluateFrame
         auto const [firstSlice, lastSlice] = sliceBlock(slices, omp_get_thread_num(), omp_get_num_threads());
         for (int z = firstSlice; z < lastSlice; ++z)
             for (int y = 0; y < height; ++y) {
@@ -147,15 +192,18 @@ std::vector<double> reduceFrame(E const& expression, int image, ImageDescriptor 
                 Index offset = rowPixel * channels;
                 if (channels == 1) {
                     double acc = partial[0];
-                    for (Index x = 0; x < width; ++x)
-                        acc = Op{}(acc, static_cast<double>(bound.value(rowPixel + x, offset + x, 0)));
+                    for (int x = 0; x < width; ++x)
+                        acc = Op{}(acc, static_cast<double>(
+                                            local.value(Position{x, y, z, rowPixel + x}, offset + x, 0)));
                     partial[0] = acc;
                 } else {
-                    for (Index x = 0; x < width; ++x)
+                    for (int x = 0; x < width; ++x) {
+                        Position const position{x, y, z, rowPixel + x};
                         for (int c = 0; c < channels; ++c, ++offset)
                             partial[static_cast<std::size_t>(c)] =
                                 Op{}(partial[static_cast<std::size_t>(c)],
-                                     static_cast<double>(bound.value(rowPixel + x, offset, c)));
+                                     static_cast<double>(local.value(position, offset, c)));
+                    }
                 }
             }
 #pragma omp critical(velmoria_imagemath_reduce)
@@ -169,22 +217,25 @@ std::vector<double> reduceFrame(E const& expression, int image, ImageDescriptor 
 
 template <class U, class Type>
 template <class E>
-bool Array<TypedImage<U>, Type>::assign(ExprBaseTpl<E> const& expression)
+bool Array<TypedImage<U>, Type>::assignRegion(ExprBaseTpl<E> const& expression, WriteRegion const& region)
 {
     ImageDescriptor const& desc = m_image->descriptor();
-    if (!Detail::checkFrameCount(expression, 1) || !Detail::checkFrame(expression, 0, desc))
+    Detail::FrameRegion resolved;
+    if (!Detail::checkFrameCount(expression, 1) || !Detail::resolveRegion(region, desc, 0, resolved) ||
+        !Detail::checkFrame(expression, 0, Detail::regionShape(desc, resolved)))
         return false;
-    Detail::evaluateIntoMem(expression, 0, *m_image, m_sampling.normalized);
+    Detail::evaluateIntoMem(expression, 0, *m_image, m_sampling.normalized, resolved);
     return true;
 }
 
 template <class Type>
 template <class E>
-bool Array<SharedImageSet, Type>::assign(ExprBaseTpl<E> const& expression)
+bool Array<SharedImageSet, Type>::assignRegion(ExprBaseTpl<E> const& expression, WriteRegion const& region)
 {
     int const frames = m_set->size();
     if (!Detail::checkFrameCount(expression, frames))
         return false;
+    std::vector<Detail::FrameRegion> resolved(static_cast<std::size_t>(frames));
     for (int i = 0; i < frames; ++i) {
         SharedImage const* frame = m_set->get(i);
         if (frame == nullptr || !frame->hasMem()) {
@@ -192,12 +243,15 @@ bool Array<SharedImageSet, Type>::assign(ExprBaseTpl<E> const& expression)
                                "Cannot assign expression to frame {}: it is not in CPU memory", i);
             return false;
         }
-        if (!Detail::checkFrame(expression, i, frame->descriptor()))
+        Detail::FrameRegion& frameRegion = resolved[static_cast<std::size_t>(i)];
+        if (!Detail::resolveRegion(region, frame->descriptor(), i, frameRegion) ||
+            !Detail::checkFrame(expression, i, Detail::regionShape(frame->descriptor(), frameRegion)))
             return false;
     }
     for (int i = 0; i < frames; ++i) {
         SharedImage* frame = m_set->get(i);
-        Detail::evaluateIntoMem(expression, i, *frame->mem(), m_sampling.normalized);
+        Detail::evaluateIntoMem(expression, i, *frame->mem(), m_sampling.normalized,
+                                resolved[static_cast<std::size_t>(i)]);
         frame->setDirtyGl();
     }
     return true;
@@ -205,15 +259,18 @@ bool Array<SharedImageSet, Type>::assign(ExprBaseTpl<E> const& expression)
 
 template <class Type>
 template <class E>
-bool Array<SharedImage, Type>::assign(ExprBaseTpl<E> const& expression)
+bool Array<SharedImage, Type>::assignRegion(ExprBaseTpl<E> const& expression, WriteRegion const& region)
 {
     if (!m_image->hasMem()) {
         VELMORIA_LOG_ERROR("ML.ImageMath", "Cannot assign expression to an image that is not in CPU memory");
         return false;
     }
-    if (!Detail::checkFrameCount(expression, 1) || !Detail::checkFrame(expression, 0, m_image->descriptor()))
+    ImageDescriptor const& desc = m_image->descriptor();
+    Detail::FrameRegion resolved;
+    if (!Detail::checkFrameCount(expression, 1) || !Detail::resolveRegion(region, desc, 0, resolved) ||
+        !Detail::checkFrame(expression, 0, Detail::regionShape(desc, resolved)))
         return false;
-    Detail::evaluateIntoMem(expression, 0, *m_image->mem(), m_sampling.normalized);
+    Detail::evaluateIntoMem(expression, 0, *m_image->mem(), m_sampling.normalized, resolved);
     m_image->setDirtyGl();
     return true;
 }

@@ -16,10 +16,25 @@
 //   auto convertToMemImgExpr<T>(int image)
 //       The same tree with every image leaf replaced by an Array<TypedImage<U>> of that frame;
 //       leaves without a fixed pixel type are read as T. This is done once per frame.
-//   auto value(Index pixel, Index offset, int channel)
-//       The node's value at one pixel and channel of a converted tree: `pixel` is the pixel's
-//       flat index, `offset` the flat index of the value in a buffer with this node's channel
-//       count. Called in the evaluation loop, always inlined, never virtual.
+//   auto value(Position const& position, Index offset, int channel)
+//       The node's value at one pixel and channel of a converted tree. `position` is the pixel
+//       in the evaluation domain (x, y, z and its flat index `pixel`), the same for every node
+//       of the tree; `offset` is the flat index of the value in a buffer with this node's
+//       channel count and the domain's dimensions (pixel · channels + channel). Leaves that
+//       read a buffer use `offset` (one add per value); nodes that need the place itself
+//       (coordinates, noise, blocks of another image) use `position`. A node that changes the
+//       channel layout (channel reductions, swizzles, combineChannels) passes its operands an
+//       offset for *their* channel count. Called in the evaluation loop, always inlined, never
+//       virtual; the evaluator builds one Position per pixel and the unused parts of it cost
+//       nothing once inlined.
+//
+// The evaluation domain is the target's frame, or the box of a block assignment (see
+// BlockView.h): x, y, z then run over the box, 0-based.
+//
+// Besides, every expression has two views (defined in BlockView.h and Channels.h):
+//   block(offset, size)   the box of the expression, read as an image of that size; assignable
+//                         when the expression is an Array (writes only the box)
+//   channels({...})       channel c reads channel map[c]; assignable when over an Array
 //
 // Nodes describe *what* is computed; the loops live in CpuEvaluator.h only.
 
@@ -27,16 +42,34 @@
 
 #include "host/image/ImageDescriptor.h"
 
+#include <Eigen/Core>
 #include <cmath>
 #include <cstddef>
 #include <limits>
 #include <optional>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace Velmoria::ImageMath {
 
 using Index = std::ptrdiff_t;
+
+// Where in the evaluation domain a value is computed; see the file comment.
+struct Position
+{
+    int x = 0;
+    int y = 0;
+    int z = 0;
+    Index pixel = 0; // (z · height + y) · width + x in the domain
+};
+
+namespace internal {
+template <class E>
+class BlockViewTpl;
+template <class E>
+class ChannelSwizzleViewTpl;
+} // namespace internal
 
 class ExprBase
 {
@@ -81,6 +114,17 @@ class ExprBaseTpl : public ExprBase
 public:
     Derived const& derived() const { return static_cast<Derived const&>(*this); }
     ExprBase const& exprInterface() const { return *this; }
+
+    // The box [offset, offset + size) of this expression, as an expression of that size.
+    internal::BlockViewTpl<Derived> block(Eigen::Vector3i const& offset, Eigen::Vector3i const& size) const
+    {
+        return internal::BlockViewTpl<Derived>(derived(), offset, size);
+    }
+    // Channel c of the view reads channel map[c] of this expression.
+    internal::ChannelSwizzleViewTpl<Derived> channels(std::vector<int> map) const
+    {
+        return internal::ChannelSwizzleViewTpl<Derived>(derived(), std::move(map));
+    }
 
 protected:
     ExprBaseTpl() = default;

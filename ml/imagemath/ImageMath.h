@@ -7,16 +7,22 @@
 //   img = min(max(img, lo), hi);                       // evaluated here, in place, in parallel
 //   std::vector<double> total = sum(img).eval();       // one value per channel
 //
-// Nodes (Nodes.h, Array.h) say what to compute; CpuEvaluator.h is the one CPU loop. See
-// docs/imagemath.md for the node table.
+// Nodes (Nodes.h, Array.h, BlockView.h, Channels.h, Coordinates.h, Noise.h, PolyWrapper.h)
+// say what to compute; CpuEvaluator.h is the one CPU loop. See docs/imagemath.md for the node
+// table.
 
 #include "ml/imagemath/Array.h"
+#include "ml/imagemath/BlockView.h"
+#include "ml/imagemath/Channels.h"
+#include "ml/imagemath/Coordinates.h"
 #include "ml/imagemath/CpuEvaluator.h"
 #include "ml/imagemath/DeviceStrategy.h"
 #include "ml/imagemath/ExprBase.h"
 #include "ml/imagemath/ImgOps.h"
 #include "ml/imagemath/Nodes.h"
+#include "ml/imagemath/Noise.h"
 #include "ml/imagemath/Operators.h"
+#include "ml/imagemath/PolyWrapper.h"
 
 #include <memory>
 

@@ -46,7 +46,7 @@ public:
     {
         return *this;
     }
-    T value(Index, Index, int) const { return m_value; }
+    T value(Position const&, Index, int) const { return m_value; }
 
 private:
     T m_value;
@@ -82,7 +82,7 @@ public:
     {
         return *this;
     }
-    T value(Index, Index, int channel) const { return m_values[static_cast<std::size_t>(channel)]; }
+    T value(Position const&, Index, int channel) const { return m_values[static_cast<std::size_t>(channel)]; }
 
 private:
     Storage m_values;
@@ -130,9 +130,9 @@ public:
         return BinaryOpTpl<Op, BL, BR>(m_lhs.template convertToMemImgExpr<P>(image),
                                        m_rhs.template convertToMemImgExpr<P>(image), m_op);
     }
-    auto value(Index pixel, Index offset, int channel) const
+    auto value(Position const& position, Index offset, int channel) const
     {
-        return m_op(m_lhs.value(pixel, offset, channel), m_rhs.value(pixel, offset, channel));
+        return m_op(m_lhs.value(position, offset, channel), m_rhs.value(position, offset, channel));
     }
 
     L const& lhs() const { return m_lhs; }
@@ -176,9 +176,9 @@ public:
         using B = decltype(m_operand.template convertToMemImgExpr<P>(image));
         return UnaryOpTpl<Op, B>(m_operand.template convertToMemImgExpr<P>(image), m_op);
     }
-    auto value(Index pixel, Index offset, int channel) const
+    auto value(Position const& position, Index offset, int channel) const
     {
-        return m_op(m_operand.value(pixel, offset, channel));
+        return m_op(m_operand.value(position, offset, channel));
     }
 
     Op const& op() const { return m_op; }
@@ -238,12 +238,12 @@ public:
                                      m_lhs.template convertToMemImgExpr<P>(image),
                                      m_rhs.template convertToMemImgExpr<P>(image));
     }
-    auto value(Index pixel, Index offset, int channel) const
+    auto value(Position const& position, Index offset, int channel) const
     {
-        using V = std::common_type_t<decltype(m_lhs.value(pixel, offset, channel)),
-                                     decltype(m_rhs.value(pixel, offset, channel))>;
-        return m_condition.value(pixel, offset, channel) ? V(m_lhs.value(pixel, offset, channel))
-                                                         : V(m_rhs.value(pixel, offset, channel));
+        using V = std::common_type_t<decltype(m_lhs.value(position, offset, channel)),
+                                     decltype(m_rhs.value(position, offset, channel))>;
+        return m_condition.value(position, offset, channel) ? V(m_lhs.value(position, offset, channel))
+                                                            : V(m_rhs.value(position, offset, channel));
     }
 
 private:
@@ -285,9 +285,9 @@ public:
         using B = decltype(m_operand.template convertToMemImgExpr<P>(image));
         return CastWrapperTpl<B, T>(m_operand.template convertToMemImgExpr<P>(image));
     }
-    T value(Index pixel, Index offset, int channel) const
+    T value(Position const& position, Index offset, int channel) const
     {
-        return Detail::saturateCast<T>(m_operand.value(pixel, offset, channel));
+        return Detail::saturateCast<T>(m_operand.value(position, offset, channel));
     }
 
 private:
@@ -331,15 +331,15 @@ public:
         using B = decltype(m_operand.template convertToMemImgExpr<P>(image));
         return ChannelReductionTpl<Op, B>(m_operand.template convertToMemImgExpr<P>(image));
     }
-    auto value(Index pixel, Index, int) const
+    auto value(Position const& position, Index, int) const
     {
-        using EV = std::decay_t<decltype(m_operand.value(pixel, pixel, 0))>;
+        using EV = std::decay_t<decltype(m_operand.value(position, 0, 0))>;
         using V = std::conditional_t<std::is_floating_point_v<EV>, EV, double>;
         using Traits = ImgOps::ReductionTraits<Op>;
         V acc = Traits::template identity<V>();
-        Index const base = pixel * m_channels;
+        Index const base = position.pixel * m_channels;
         for (int k = 0; k < m_channels; ++k)
-            acc = static_cast<V>(Op{}(acc, static_cast<V>(m_operand.value(pixel, base + k, k))));
+            acc = static_cast<V>(Op{}(acc, static_cast<V>(m_operand.value(position, base + k, k))));
         return Traits::finish(acc);
     }
 

@@ -10,7 +10,12 @@
 //   length(a), channelSum / channelMin / channelMax(a)  (over the channels of each pixel)
 //   sum(a), reduceMin(a), reduceMax(a)                  (over all pixels; .eval() per channel)
 //   unaryLambda(a, f, glslFormat), withDeviceStrategy(a, strategy)
+//   combineChannels(a, b, ...)                          (channel c is operand c)
+//   swizzle(a, {2, 0, 1}) / a.channels({...}), a.block(offset, size)   (views, Channels.h and
+//                                                       BlockView.h; assignable over an Array)
 
+#include "ml/imagemath/BlockView.h"
+#include "ml/imagemath/Channels.h"
 #include "ml/imagemath/Nodes.h"
 
 #include <concepts>
@@ -203,6 +208,14 @@ template <class E>
 auto reduceMax(ExprBaseTpl<E> const& e)
 {
     return internal::ReductionWrapperTpl<ImgOps::max, E>(e.derived());
+}
+
+// Channel c of the result is the one channel of operand c; plain numbers become constants.
+template <class... A>
+requires(sizeof...(A) > 0 && (Detail::Operand<A> && ...) &&
+         (isExpression<A> || ...)) auto combineChannels(A const&... operands)
+{
+    return internal::CombineChannelsTpl<decltype(Detail::toExpr(operands))...>(Detail::toExpr(operands)...);
 }
 
 template <class E>
