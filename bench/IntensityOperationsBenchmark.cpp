@@ -1,9 +1,12 @@
 // Clip and NormalizeNormal on a 256³ float volume, against the same computation in numpy
 // (bench/reference/intensity_numpy.py, run with /usr/bin/python3 in the same process run).
 // Counters: "numpy_ms" (numpy's best time) and "vs_numpy" (our time / numpy's; below 1 is faster).
+// The other normalisations (NormalizeUniform, NormalizePercentile, NormalizeMAD) are timed on
+// the same volume without a baseline, to follow their cost over time.
 
 #include "ml/data/DataItem.h"
 #include "ml/operations/catalogue/IntensityOperations.h"
+#include "ml/operations/catalogue/NormalizationOperations.h"
 
 #include "host/core/Random.h"
 #include "host/image/SharedImageSet.h"
@@ -74,6 +77,8 @@ void runOperation(benchmark::State& state, std::string const& name, MakeOperatio
         benchmark::DoNotOptimize(result);
     }
     double ours = total / static_cast<double>(state.iterations());
+    if (name.empty())
+        return; // no baseline for this one
     auto const& numpy = numpyTimes();
     if (auto it = numpy.find(name); it != numpy.end()) {
         state.counters["numpy_ms"] = it->second;
@@ -92,7 +97,25 @@ void BM_NormalizeNormal(benchmark::State& state)
     runOperation(state, "NormalizeNormal", [] { return std::make_unique<ML::NormalizeNormalOperation>(); });
 }
 
+void BM_NormalizeUniform(benchmark::State& state)
+{
+    runOperation(state, "", [] { return std::make_unique<ML::NormalizeUniformOperation>(); });
+}
+
+void BM_NormalizePercentile(benchmark::State& state)
+{
+    runOperation(state, "", [] { return std::make_unique<ML::NormalizePercentileOperation>(0.01F, 0.99F); });
+}
+
+void BM_NormalizeMAD(benchmark::State& state)
+{
+    runOperation(state, "", [] { return std::make_unique<ML::NormalizeMADOperation>(); });
+}
+
 } // namespace
 
 BENCHMARK(BM_Clip)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_NormalizeNormal)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_NormalizeUniform)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_NormalizePercentile)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_NormalizeMAD)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -37,9 +37,10 @@
 // keys "apply_to_label" and "phase" are accepted without being read here (sequences read them).
 //
 // Processing record. Every element an operation processed is to carry a record of it. The
-// processing-record component installs that recorder once with setProcessingRecordHook(); each
-// operation constructed afterwards starts with it as the first entry of postProcessHooks. Until
-// then postProcessHooks start empty.
+// processing-record component installs that recorder once with setProcessingRecordHook()
+// (ProcessingRecordComponent::installProcessingRecordHook, called while the plug-in registers its
+// data components); each operation constructed afterwards starts with it as the first entry of
+// postProcessHooks. Until then postProcessHooks start empty.
 //
 // Threads: an operation has no lock. The set of warned texts is changed from const functions and
 // the random generator belongs to the object, so one operation object is used from one thread at
@@ -150,7 +151,8 @@ public:
     virtual void setErrorOnUnexpectedBehaviour(bool error);
     // True for operations that leave their input untouched (they may then be given shared data).
     virtual bool doesNotModifyInput() const;
-    // True for invertible operations, which arrive with inversion; false for all others.
+    // True exactly for InvertibleOperation (ml/operations/InvertibleOperation.h), which records
+    // how to undo itself when run with "record_identifier"; false for all others.
     virtual bool supportsInversion() const;
     virtual void setRecordIdentifier(std::string const& identifier);
 

@@ -44,7 +44,8 @@ int MLPlugin::init()
     // 2. The operations. (3. samplers, 4. readers, 5. loaders, 6. filter functions, 7. metrics
     // join their registries here as they are built.)
     ML::registerOperations();
-    // 8. The data components, so that files can bring them back.
+    // 8. The data components, so that files can bring them back, and with them the recorder that
+    // gives every processed element its processing record.
     ML::registerDataComponents();
     // (9. the resource repository, 10. display handlers and 11. file plug-ins follow with the
     // model resources, the viewer and the container file.)

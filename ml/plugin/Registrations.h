@@ -11,7 +11,8 @@ namespace Velmoria::ML {
 
 // Step 2: the operations, in the native operation factory.
 void registerOperations();
-// Step 8: the data components of this library, in the host's DataComponentFactory.
+// Step 8: the data components of this library, in the host's DataComponentFactory; also installs
+// the processing recorder (ProcessingRecordComponent::installProcessingRecordHook).
 void registerDataComponents();
 
 // The names registered by registerOperations(), in registration order.

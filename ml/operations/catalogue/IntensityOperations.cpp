@@ -11,7 +11,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
+#include <optional>
 #include <string>
 
 namespace Velmoria::ML {
@@ -19,6 +21,7 @@ namespace Velmoria::ML {
 namespace {
 
 using ImageMath::Array;
+using ImageMath::Index;
 
 // Assigns `expression` to `target`; an operand that does not fit (ImageMath has logged why)
 // stops the operation rather than leaving the set half written.
@@ -29,13 +32,136 @@ void assignOrThrow(Operation const& operation, Target& target, ImageMath::ExprBa
         operation.throwOperationError("Could not evaluate the intensity formula on the input images");
 }
 
-// One value per channel from sums over the whole set.
-std::vector<double> divided(std::vector<double> const& sums, std::vector<double> const& counts)
+// Per channel over a whole set: mean and population deviation of the original intensities.
+struct ChannelMoments
 {
-    std::vector<double> result(sums.size(), 0.0);
-    for (std::size_t c = 0; c < sums.size() && c < counts.size(); ++c)
-        result[c] = counts[c] > 0.0 ? sums[c] / counts[c] : 0.0;
-    return result;
+    std::vector<double> mean;
+    std::vector<double> stddev;
+};
+
+// Sums of one channel, relative to a pivot.
+struct ShiftedSums
+{
+    double count = 0.0;
+    double sum = 0.0;
+    double squares = 0.0;
+};
+
+// Value of one pixel as ImageMath reads it (v / scale - shift in float), so that the background
+// test sees the same numbers as the assignment afterwards.
+template <bool Convert>
+inline float originalOf(float v, float shift, float scale)
+{
+    return Convert ? v / scale - shift : v;
+}
+
+// Adds one float frame (interleaved channels) to `sums`, one ShiftedSums per channel.
+template <bool Convert, bool Background>
+void addFrame(float const* data, Index pixels, int channels, float shift, float scale, float bg,
+              std::vector<double> const& pivot, std::vector<ShiftedSums>& sums)
+{
+    if (channels == 1) {
+        // `omp simd` allows the reduction to be reordered, which the compiler may not do for
+        // doubles by itself, so that this loop (the common case) vectorises.
+        double n = 0.0, s = 0.0, s2 = 0.0;
+        double const k = pivot[0];
+#pragma omp parallel for simd reduction(+ : n, s, s2) schedule(static)
+        for (Index i = 0; i < pixels; ++i) {
+            float const x = originalOf<Convert>(data[i], shift, scale);
+            double d = static_cast<double>(x) - k;
+            if constexpr (Background) {
+                bool const keep = x != bg;
+                d = keep ? d : 0.0;
+                n += keep ? 1.0 : 0.0;
+            }
+            s += d;
+            s2 += d * d;
+        }
+        sums[0].count += Background ? n : static_cast<double>(pixels);
+        sums[0].sum += s;
+        sums[0].squares += s2;
+        return;
+    }
+    auto const nc = static_cast<std::size_t>(channels);
+#pragma omp parallel
+    {
+        std::vector<ShiftedSums> local(nc);
+#pragma omp for schedule(static) nowait
+        for (Index i = 0; i < pixels; ++i) {
+            float const* pixel = data + i * channels;
+            for (std::size_t c = 0; c < nc; ++c) {
+                float const x = originalOf<Convert>(pixel[c], shift, scale);
+                if constexpr (Background)
+                    if (x == bg)
+                        continue;
+                double const d = static_cast<double>(x) - pivot[c];
+                local[c].count += 1.0;
+                local[c].sum += d;
+                local[c].squares += d * d;
+            }
+        }
+#pragma omp critical(velmoria_normalize_normal_moments)
+        for (std::size_t c = 0; c < nc; ++c) {
+            sums[c].count += local[c].count;
+            sums[c].sum += local[c].sum;
+            sums[c].squares += local[c].squares;
+        }
+    }
+}
+
+// One pass over the pixels for both statistics (the mean and the deviation used to take a pass
+// each, through two ImageMath reductions). Sums of x and x² in double would lose the variance to
+// cancellation when the mean is large against the deviation (CT values around 1000 with a spread
+// of 1, say); summing d = x - K with K a value of the channel itself (its first pixel) keeps d of
+// the order of the spread, and var = Σd²/n - (Σd/n)² is then exact to double rounding for any
+// realistic image. Welford/Chan updates would be as stable but need a division per value, which
+// costs more than the memory traffic this loop is bound by. Float frames only (the caller
+// converts first).
+ChannelMoments channelMoments(SharedImageSet const& sis, std::optional<float> background)
+{
+    auto const channels = static_cast<std::size_t>(sis.get(0)->channels());
+    std::vector<ShiftedSums> sums(channels);
+    std::vector<double> pivot(channels, 0.0);
+    bool pivotSet = false;
+    float const bg = background.value_or(0.0F);
+    for (auto const& frame : sis.images()) {
+        auto const& pixels = static_cast<TypedImage<float> const&>(*frame->mem());
+        ImageDescriptor const& desc = pixels.descriptor();
+        auto const count = static_cast<Index>(desc.pixelCount());
+        if (count == 0)
+            continue;
+        bool const convert = desc.shift != 0.0 || desc.scale != 1.0;
+        auto const shift = static_cast<float>(desc.shift);
+        auto const scale = static_cast<float>(desc.scale);
+        float const* data = pixels.pointer();
+        if (!pivotSet) {
+            for (std::size_t c = 0; c < channels; ++c) {
+                auto const x =
+                    static_cast<double>(convert ? originalOf<true>(data[c], shift, scale) : data[c]);
+                pivot[c] = std::isfinite(x) ? x : 0.0;
+            }
+            pivotSet = true;
+        }
+        int const n = static_cast<int>(channels);
+        if (background && convert)
+            addFrame<true, true>(data, count, n, shift, scale, bg, pivot, sums);
+        else if (background)
+            addFrame<false, true>(data, count, n, shift, scale, bg, pivot, sums);
+        else if (convert)
+            addFrame<true, false>(data, count, n, shift, scale, bg, pivot, sums);
+        else
+            addFrame<false, false>(data, count, n, shift, scale, bg, pivot, sums);
+    }
+    ChannelMoments moments{std::vector<double>(channels, 0.0), std::vector<double>(channels, 0.0)};
+    for (std::size_t c = 0; c < channels; ++c) {
+        ShiftedSums const& s = sums[c];
+        if (s.count <= 0.0)
+            continue;
+        double const meanOffset = s.sum / s.count;
+        moments.mean[c] = pivot[c] + meanOffset;
+        moments.stddev[c] = std::sqrt(std::max(0.0, s.squares / s.count - meanOffset * meanOffset));
+    }
+    return moments;
 }
 
 } // namespace
@@ -194,33 +320,28 @@ NormalizeNormalOperation::processImages(std::shared_ptr<SharedImageSet> sis) con
     Array<SharedImageSet> img(*sis);
     using Channels = ImageMath::ChannelWiseScalar<double, -1>;
 
-    if (!p_keepBackground.value()) {
-        // Frames of a set may differ in size, so the count is summed frame by frame.
-        double pixels = 0.0;
-        for (auto const& frame : sis->images())
-            pixels += static_cast<double>(frame->descriptor().pixelCount());
-        std::vector<double> const count(static_cast<std::size_t>(sis->get(0)->channels()), pixels);
-        std::vector<double> const mean = divided(sum(img).eval(), count);
-        Channels const meanValues(mean);
-        std::vector<double> stddev = divided(sum(pow2(img - meanValues)).eval(), count);
-        for (double& s : stddev)
-            s = std::sqrt(s);
-        assignOrThrow(*this, img, divideIfNotZero(img - meanValues, Channels(stddev)));
+    std::optional<float> background;
+    if (p_keepBackground.value())
+        background = p_backgroundValue.value();
+    ChannelMoments const moments = channelMoments(*sis, background);
+    Channels const meanValues(moments.mean);
+    Channels const stddevValues(moments.stddev);
+    if (!background) {
+        // divideIfNotZero by a channel-wise constant, with the division hoisted out of the pixel
+        // loop: a reciprocal of 0 for a zero deviation gives the same 0, and the loop multiplies
+        // (a division per value costs more than the memory traffic of this pass).
+        std::vector<double> inverse(moments.stddev.size(), 0.0);
+        for (std::size_t c = 0; c < inverse.size(); ++c)
+            inverse[c] = moments.stddev[c] > 0.0 ? 1.0 / moments.stddev[c] : 0.0;
+        assignOrThrow(*this, img, (img - meanValues) * Channels(inverse));
         return sis;
     }
 
     // Background pixels neither enter the statistics nor change.
-    float const bg = p_backgroundValue.value();
+    float const bg = *background;
     auto const foreground = notEqual(img, bg);
-    std::vector<double> const count = sum(foreground).eval();
-    std::vector<double> const mean = divided(sum(foreground * img).eval(), count);
-    Channels const meanValues(mean);
-    std::vector<double> stddev = divided(sum(foreground * pow2(img - meanValues)).eval(), count);
-    for (double& s : stddev)
-        s = std::sqrt(s);
     assignOrThrow(*this, img,
-                  foreground * divideIfNotZero(img - meanValues, Channels(stddev)) +
-                      (1.0F - foreground) * bg);
+                  foreground * divideIfNotZero(img - meanValues, stddevValues) + (1.0F - foreground) * bg);
     return sis;
 }
 

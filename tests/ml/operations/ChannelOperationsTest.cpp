@@ -1,0 +1,421 @@
+// Channel operations (Softmax, ConvertToGray, BakePhotometricInterpretation) against plain
+// reference loops, on the pixel types each accepts (stored with a shift and scale where that
+// matters), plus their messages and the selection of fields.
+
+#include "ml/operations/catalogue/ChannelOperations.h"
+
+#include "ml/TestHelpers.h"
+#include "ml/data/DataItem.h"
+#include "ml/data/ImageElement.h"
+#include "ml/data/VectorElement.h"
+#include "ml/operations/OperationException.h"
+#include "ml/plugin/Registrations.h"
+
+#include "host/core/Log.h"
+#include "host/image/DisplayOptions.h"
+#include "host/image/SharedImageSet.h"
+#include "host/image/TypedImage.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <random>
+#include <string>
+
+using namespace Velmoria;
+using namespace Velmoria::ML;
+
+namespace {
+
+using AllPixelTypes =
+    ::testing::Types<char, unsigned char, short, unsigned short, int, unsigned int, float, double>;
+
+constexpr double kShift = 3.0;
+constexpr double kScale = 2.0;
+
+template <class T>
+std::vector<double> randomStored(std::size_t count, unsigned seed)
+{
+    std::mt19937 engine(seed);
+    std::uniform_int_distribution<int> dist(std::is_signed_v<T> ? -60 : 0, 120);
+    std::vector<double> values(count);
+    for (double& v : values)
+        v = dist(engine);
+    return values;
+}
+
+double storedAt(SharedImage const& frame, std::size_t i)
+{
+    double v = 0.0;
+    visitPixelType(frame.pixelType(), [&](auto tag) {
+        v = static_cast<double>(static_cast<TypedImage<decltype(tag)> const&>(*frame.mem()).value(i));
+    });
+    return v;
+}
+
+double originalAt(SharedImage const& frame, std::size_t i)
+{
+    return frame.descriptor().storageToOriginal(storedAt(frame, i));
+}
+
+std::string errorOf(Operation& operation, std::shared_ptr<SharedImageSet> const& set)
+{
+    try {
+        operation.process(set);
+    } catch (OperationException const& e) {
+        return e.what();
+    }
+    return "no error";
+}
+
+std::shared_ptr<SharedImageSet> floatSet(Eigen::Vector3i const& size, int channels,
+                                         std::vector<double> const& v)
+{
+    return std::make_shared<SharedImageSet>(MLTest::placedFrame<float>(size, channels, v));
+}
+
+// Softmax of one pixel, computed the textbook way with the true maximum.
+std::vector<double> referenceSoftmax(std::vector<double> const& x)
+{
+    double const m = *std::max_element(x.begin(), x.end());
+    std::vector<double> e(x.size());
+    double total = 0.0;
+    for (std::size_t c = 0; c < x.size(); ++c)
+        total += e[c] = std::exp(x[c] - m);
+    for (double& v : e)
+        v /= total;
+    return e;
+}
+
+} // namespace
+
+// ---- ConvertToGray: every pixel type, 1 to 5 channels ----------------------------------------
+
+template <class T>
+class ConvertToGrayTest : public ::testing::Test
+{};
+TYPED_TEST_SUITE(ConvertToGrayTest, AllPixelTypes);
+
+TYPED_TEST(ConvertToGrayTest, AveragesTheChannelsIntoOneOfTheSameTypeAndGeometry)
+{
+    Eigen::Vector3i const size(4, 3, 2);
+    auto const pixels = static_cast<std::size_t>(size.prod());
+    for (int channels = 1; channels <= 5; ++channels) {
+        SCOPED_TRACE(channels);
+        auto const stored0 = randomStored<TypeParam>(pixels * channels, 11 + channels);
+        auto const stored1 = randomStored<TypeParam>(pixels * channels, 31 + channels);
+        std::shared_ptr<SharedImageSet> set = std::make_shared<SharedImageSet>(
+            MLTest::placedFrame<TypeParam>(size, channels, stored0, kShift, kScale));
+        set->add(MLTest::placedFrame<TypeParam>(size, channels, stored1, kShift, kScale));
+        set->get(1)->setModality(Data::Modality::CT);
+        auto const before = set->getShared(1);
+
+        set = ConvertToGrayOperation().process(set);
+        ASSERT_EQ(set->size(), 2);
+        for (int f = 0; f < 2; ++f) {
+            SharedImage const& out = *set->get(f);
+            ASSERT_EQ(out.channels(), 1);
+            ASSERT_EQ(out.pixelType(), Utils::pixelTypeId<TypeParam>());
+            EXPECT_EQ(out.descriptor().shift, kShift);
+            EXPECT_EQ(out.descriptor().scale, kScale);
+            EXPECT_EQ(out.dimensions(), size);
+            EXPECT_EQ(out.spacing(), before->spacing());
+            EXPECT_TRUE(out.pixelToWorld(Eigen::Vector3d(3, 2, 1))
+                            .isApprox(before->pixelToWorld(Eigen::Vector3d(3, 2, 1))));
+            auto const& stored = f == 0 ? stored0 : stored1;
+            for (std::size_t p = 0; p < pixels; ++p) {
+                double total = 0.0;
+                for (int c = 0; c < channels; ++c)
+                    total += static_cast<double>(static_cast<TypeParam>(stored[p * channels + c]));
+                double expected = total / channels;
+                if constexpr (!std::is_floating_point_v<TypeParam>)
+                    expected = std::round(expected);
+                ASSERT_NEAR(storedAt(out, p), expected, std::abs(expected) * 1e-6)
+                    << "frame " << f << " pixel " << p;
+            }
+        }
+        EXPECT_EQ(set->get(1)->modality(), Data::Modality::CT);
+    }
+}
+
+TEST(ConvertToGray, RoundsIntegerAveragesToTheNearestValue)
+{
+    // (1 + 2) / 2 = 1.5 -> 2 and (0 + 0 + 1) / 3 -> 0; truncation would give 1 and 0.
+    auto two = std::make_shared<SharedImageSet>(
+        MLTest::placedFrame<unsigned char>(Eigen::Vector3i(2, 1, 1), 2, {1, 2, 250, 255}));
+    two = ConvertToGrayOperation().process(two);
+    EXPECT_EQ(storedAt(*two->get(0), 0), 2.0);
+    EXPECT_EQ(storedAt(*two->get(0), 1), 253.0);
+    auto three =
+        std::make_shared<SharedImageSet>(MLTest::placedFrame<short>(Eigen::Vector3i(1, 1, 1), 3, {0, 0, 1}));
+    three = ConvertToGrayOperation().process(three);
+    EXPECT_EQ(storedAt(*three->get(0), 0), 0.0);
+}
+
+// ---- BakePhotometricInterpretation -----------------------------------------------------------
+
+template <class T>
+class BakePhotometricTest : public ::testing::Test
+{};
+TYPED_TEST_SUITE(BakePhotometricTest, AllPixelTypes);
+
+TYPED_TEST(BakePhotometricTest, WritesTheInversionIntoTheValuesOnceAndClearsTheFlag)
+{
+    Eigen::Vector3i const size(5, 3, 2);
+    auto const count = static_cast<std::size_t>(size.prod());
+    // Even values in the first frame (stored as 2 (x + 3)) and halved ones in the second (stored
+    // as x + 3) keep every result representable in 8-bit types and integral in original terms.
+    auto stored0 = randomStored<TypeParam>(count, 3);
+    auto stored1 = randomStored<TypeParam>(count, 4);
+    for (double& v : stored0)
+        v = 2.0 * std::floor(v / 2.0);
+    for (double& v : stored1)
+        v = std::floor(v / 2.0);
+    std::shared_ptr<SharedImageSet> set =
+        std::make_shared<SharedImageSet>(MLTest::placedFrame<TypeParam>(size, 1, stored0, kShift, kScale));
+    // The second frame has its own storage, so the range must be taken in original intensities.
+    set->add(MLTest::placedFrame<TypeParam>(size, 1, stored1, 3.0, 1.0));
+    set->components().getOrCreate<DisplayOptions2d>()->p_invert.setValue(true);
+    set->components().getOrCreate<DisplayOptions3d>()->p_invert.setValue(true);
+
+    std::vector<double> originals;
+    for (std::size_t i = 0; i < count; ++i)
+        originals.push_back(static_cast<double>(static_cast<TypeParam>(stored0[i])) / kScale - kShift);
+    for (std::size_t i = 0; i < count; ++i)
+        originals.push_back(static_cast<double>(static_cast<TypeParam>(stored1[i])) - 3.0);
+    double const lo = *std::min_element(originals.begin(), originals.end());
+    double const hi = *std::max_element(originals.begin(), originals.end());
+
+    BakePhotometricInterpretationOperation bake;
+    set = bake.process(set);
+    EXPECT_FALSE(set->components().get<DisplayOptions2d>()->p_invert.value());
+    EXPECT_FALSE(set->components().get<DisplayOptions3d>()->p_invert.value());
+    for (int pass = 0; pass < 2; ++pass) {
+        SCOPED_TRACE(pass == 0 ? "baked" : "baked again: the flag is cleared, nothing changes");
+        for (std::size_t i = 0; i < originals.size(); ++i) {
+            SharedImage const& frame = *set->get(static_cast<int>(i / count));
+            ASSERT_DOUBLE_EQ(originalAt(frame, i % count), hi - originals[i] + lo) << i;
+        }
+        set = bake.process(set);
+    }
+}
+
+TYPED_TEST(BakePhotometricTest, PassesANonInvertedImageThrough)
+{
+    auto const stored = randomStored<TypeParam>(6, 8);
+    std::shared_ptr<SharedImageSet> set = std::make_shared<SharedImageSet>(
+        MLTest::placedFrame<TypeParam>(Eigen::Vector3i(3, 2, 1), 1, stored, kShift, kScale));
+    auto const frame = set->getShared(0);
+    set->components().getOrCreate<DisplayOptions2d>()->p_invert.setValue(false);
+    set = BakePhotometricInterpretationOperation().process(set);
+    EXPECT_EQ(set->getShared(0), frame);
+    for (std::size_t i = 0; i < stored.size(); ++i)
+        EXPECT_EQ(storedAt(*set->get(0), i), static_cast<double>(static_cast<TypeParam>(stored[i])));
+}
+
+TEST(BakePhotometric, AOnlyThreeDimensionalFlagIsHonoured)
+{
+    auto set = floatSet(Eigen::Vector3i(3, 1, 1), 1, {1, 4, 10});
+    set->components().getOrCreate<DisplayOptions3d>()->p_invert.setValue(true);
+    set = BakePhotometricInterpretationOperation().process(set);
+    EXPECT_EQ(storedAt(*set->get(0), 0), 10.0);
+    EXPECT_EQ(storedAt(*set->get(0), 1), 7.0);
+    EXPECT_EQ(storedAt(*set->get(0), 2), 1.0);
+    EXPECT_FALSE(set->components().get<DisplayOptions3d>()->p_invert.value());
+}
+
+// ---- Messages ----------------------------------------------------------------------------------
+
+struct MessageCase
+{
+    std::string name;
+    std::function<std::unique_ptr<Operation>()> make;
+    std::function<std::shared_ptr<SharedImageSet>()> input;
+    std::string message;
+};
+
+class ChannelOperationMessages : public ::testing::TestWithParam<MessageCase>
+{};
+
+TEST_P(ChannelOperationMessages, AreRaisedAndNothingIsWritten)
+{
+    MessageCase const& c = GetParam();
+    auto const set = c.input();
+    double const first = storedAt(*set->get(0), 0);
+    auto const operation = c.make();
+    EXPECT_EQ(errorOf(*operation, set), c.message);
+    EXPECT_EQ(storedAt(*set->get(0), 0), first);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ChannelOperationMessages,
+    ::testing::Values(
+        MessageCase{"SoftmaxOfBytes", [] { return std::make_unique<SoftmaxOperation>(); },
+                    [] {
+                        return std::make_shared<SharedImageSet>(
+                            MLTest::placedFrame<unsigned char>(Eigen::Vector3i(2, 1, 1), 2, {1, 2, 3, 4}));
+                    },
+                    "[ML.Softmax] Input image is not float"},
+        MessageCase{"SoftmaxOfDoubles", [] { return std::make_unique<SoftmaxOperation>(); },
+                    [] {
+                        return std::make_shared<SharedImageSet>(
+                            MLTest::placedFrame<double>(Eigen::Vector3i(1, 1, 1), 2, {1, 2}));
+                    },
+                    "[ML.Softmax] Input image is not float"},
+        MessageCase{"SoftmaxForcedOnGpuWithFiveChannels",
+                    [] {
+                        auto softmax = std::make_unique<SoftmaxOperation>();
+                        softmax->setComputingDevice(ComputingDevice::ForceGPU);
+                        return softmax;
+                    },
+                    [] {
+                        return floatSet(Eigen::Vector3i(1, 1, 1), 5, {1, 2, 3, 4, 5});
+                    },
+                    "[ML.Softmax] Cannot force run on GPU with image channels > 4"},
+        MessageCase{"BakeMultichannel",
+                    [] { return std::make_unique<BakePhotometricInterpretationOperation>(); },
+                    [] {
+                        return floatSet(Eigen::Vector3i(2, 1, 1), 2, {1, 2, 3, 4});
+                    },
+                    "[ML.BakePhotometricInterpretation] BakePhotometricInterpretationOperation can't be "
+                    "applied to multichannel images"},
+        MessageCase{"BakeDisagreeingFlags",
+                    [] { return std::make_unique<BakePhotometricInterpretationOperation>(); },
+                    [] {
+                        auto set = floatSet(Eigen::Vector3i(2, 1, 1), 1, {1, 2});
+                        set->components().getOrCreate<DisplayOptions2d>()->p_invert.setValue(true);
+                        set->components().getOrCreate<DisplayOptions3d>()->p_invert.setValue(false);
+                        return set;
+                    },
+                    "[ML.BakePhotometricInterpretation] DisplayOptions2d and displayOptions3D have "
+                    "different invert values"}),
+    [](auto const& info) { return info.param.name; });
+
+// ---- Softmax -----------------------------------------------------------------------------------
+
+class SoftmaxChannels : public ::testing::TestWithParam<int>
+{};
+
+TEST_P(SoftmaxChannels, MatchesTheReferenceAndSumsToOne)
+{
+    int const channels = GetParam();
+    Eigen::Vector3i const size(3, 4, 2);
+    auto const pixels = static_cast<std::size_t>(size.prod());
+    std::mt19937 engine(static_cast<unsigned>(channels));
+    std::uniform_real_distribution<double> dist(-8.0, 8.0);
+    std::vector<double> stored(pixels * channels);
+    for (double& v : stored)
+        v = dist(engine);
+    // One pixel all negative, one with a huge spread.
+    for (int c = 0; c < channels; ++c) {
+        stored[c] = -3.0 - c;
+        stored[channels + c] = c == 0 ? 80.0 : -80.0;
+    }
+    // Stored with shift and scale: softmax works on original intensities.
+    auto set = std::make_shared<SharedImageSet>(MLTest::placedFrame<float>(size, channels, stored, 0.5, 4.0));
+    set = SoftmaxOperation().process(set);
+    SharedImage const& out = *set->get(0);
+    EXPECT_EQ(out.descriptor().shift, 0.0);
+    EXPECT_EQ(out.descriptor().scale, 1.0);
+    for (std::size_t p = 0; p < pixels; ++p) {
+        std::vector<double> x(static_cast<std::size_t>(channels));
+        for (int c = 0; c < channels; ++c)
+            x[c] = static_cast<double>(static_cast<float>(stored[p * channels + c])) / 4.0 - 0.5;
+        auto const expected = referenceSoftmax(x);
+        double total = 0.0;
+        for (int c = 0; c < channels; ++c) {
+            double const actual = storedAt(out, p * channels + c);
+            ASSERT_NEAR(actual, expected[c], 1e-6) << "pixel " << p << " channel " << c;
+            total += actual;
+        }
+        ASSERT_NEAR(total, 1.0, 1e-5) << "pixel " << p;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Counts, SoftmaxChannels, ::testing::Values(1, 2, 3, 4, 5, 12));
+
+TEST(Softmax, AllNegativePixelsUseTheFloorAsMaximumAndNeverGiveNaN)
+{
+    // -1 and -2: exp(-1) / (exp(-1) + exp(-2)) whatever the maximum subtracted.
+    // -1000 and -1001: with the floor as maximum both exponentials underflow; the result must
+    // still be the softmax of the pixel, not 0/0.
+    auto set = floatSet(Eigen::Vector3i(2, 1, 1), 2, {-1, -2, -1000, -1001});
+    set = SoftmaxOperation().process(set);
+    double const a = 1.0 / (1.0 + std::exp(-1.0));
+    EXPECT_NEAR(storedAt(*set->get(0), 0), a, 1e-6);
+    EXPECT_NEAR(storedAt(*set->get(0), 1), 1.0 - a, 1e-6);
+    EXPECT_NEAR(storedAt(*set->get(0), 2), a, 1e-6);
+    EXPECT_NEAR(storedAt(*set->get(0), 3), 1.0 - a, 1e-6);
+}
+
+TEST(Softmax, ForcedOnGpuWithFourChannelsStillComputes)
+{
+    auto set = floatSet(Eigen::Vector3i(1, 1, 1), 4, {0, 0, 0, 0});
+    SoftmaxOperation softmax;
+    softmax.setComputingDevice(ComputingDevice::ForceGPU);
+    set = softmax.process(set);
+    for (std::size_t c = 0; c < 4; ++c)
+        EXPECT_FLOAT_EQ(static_cast<float>(storedAt(*set->get(0), c)), 0.25F);
+}
+
+TEST(Softmax, ProcessesLabelsUnlessNarrowedAndTakesVectors)
+{
+    auto const makeItem = [] {
+        DataItem item;
+        item.set("image", floatSet(Eigen::Vector3i(2, 1, 1), 2, {0, 0, 1, 1}));
+        item.set("label", floatSet(Eigen::Vector3i(2, 1, 1), 2, {0, 0, 1, 1}));
+        item.get("label")->tagAsTarget();
+        item.set("scores", floatSet(Eigen::Vector3i(1, 1, 1), 2, {3, 3}));
+        return item;
+    };
+    auto const first = [](DataItem& item, char const* field) {
+        return storedAt(*dynamic_cast<ImageElement*>(item.get(field))->sis()->get(0), 0);
+    };
+    ASSERT_NE(dynamic_cast<VectorElement*>(makeItem().get("scores")), nullptr);
+
+    DataItem all = makeItem();
+    SoftmaxOperation().process(all);
+    EXPECT_FLOAT_EQ(static_cast<float>(first(all, "image")), 0.5F);
+    EXPECT_FLOAT_EQ(static_cast<float>(first(all, "label")), 0.5F) << "the policy is Everything";
+    EXPECT_FLOAT_EQ(
+        static_cast<float>(storedAt(*dynamic_cast<VectorElement*>(all.get("scores"))->sis()->get(0), 0)),
+        0.5F);
+
+    DataItem narrowed = makeItem();
+    SoftmaxOperation applyTo;
+    applyTo.setApplyTo(Operation::FieldSet{"image"});
+    applyTo.process(narrowed);
+    EXPECT_FLOAT_EQ(static_cast<float>(first(narrowed, "image")), 0.5F);
+    EXPECT_EQ(first(narrowed, "label"), 0.0);
+
+    DataItem byPolicy = makeItem();
+    SoftmaxOperation policy;
+    Properties properties;
+    properties.setParam("processing_policy", std::string("EverythingButLabels"));
+    ASSERT_TRUE(policy.configure(properties));
+    policy.process(byPolicy);
+    EXPECT_EQ(first(byPolicy, "label"), 0.0);
+    EXPECT_FLOAT_EQ(static_cast<float>(first(byPolicy, "image")), 0.5F);
+}
+
+TEST(ChannelOperations, AreCreatedByNameWithTheirPolicies)
+{
+    registerOperations();
+    struct Expected
+    {
+        char const* name;
+        Operation::ProcessingPolicy policy;
+    };
+    for (Expected const& e :
+         {Expected{"Softmax", Operation::ProcessingPolicy::Everything},
+          Expected{"ConvertToGray", Operation::ProcessingPolicy::EverythingButLabels},
+          Expected{"BakePhotometricInterpretation", Operation::ProcessingPolicy::EverythingButLabels}}) {
+        auto const operation = Operation::createFromFactories({e.name, Properties(), Phase::Always});
+        ASSERT_NE(operation, nullptr) << e.name;
+        EXPECT_EQ(operation->processingPolicy(), e.policy) << e.name;
+        EXPECT_EQ(operation->name(), e.name);
+    }
+}

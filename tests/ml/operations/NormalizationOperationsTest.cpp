@@ -1,0 +1,542 @@
+// Normalisation operations against plain reference loops on every pixel type (stored with a
+// shift and scale, compared in original intensities), their messages, masks and edge cases, and
+// the statistics of NormalizeNormal on volumes large enough to be split between threads.
+
+#include "ml/operations/catalogue/NormalizationOperations.h"
+
+#include "ml/TestHelpers.h"
+#include "ml/operations/OperationException.h"
+#include "ml/operations/ParamException.h"
+#include "ml/plugin/Registrations.h"
+
+#include "host/core/Log.h"
+#include "host/image/DisplayOptions.h"
+#include "host/image/Mask.h"
+#include "host/image/SharedImageSet.h"
+#include "host/image/TypedImage.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <random>
+#include <string>
+
+using namespace Velmoria;
+using namespace Velmoria::ML;
+
+namespace {
+
+using AllPixelTypes =
+    ::testing::Types<char, unsigned char, short, unsigned short, int, unsigned int, float, double>;
+
+constexpr double kShift = 3.0;
+constexpr double kScale = 2.0;
+Eigen::Vector3i const kSize(4, 3, 2);
+constexpr int kChannels = 2;
+
+// Random stored values that every pixel type holds.
+template <class T>
+std::vector<double> randomStored(std::size_t count, unsigned seed)
+{
+    std::mt19937 engine(seed);
+    std::uniform_int_distribution<int> dist(std::is_signed_v<T> ? -60 : 0, 120);
+    std::vector<double> values(count);
+    for (double& v : values)
+        v = dist(engine);
+    return values;
+}
+
+double storedAt(SharedImage const& frame, std::size_t i)
+{
+    double v = 0.0;
+    visitPixelType(frame.pixelType(), [&](auto tag) {
+        v = static_cast<double>(static_cast<TypedImage<decltype(tag)> const&>(*frame.mem()).value(i));
+    });
+    return v;
+}
+
+double originalAt(SharedImage const& frame, std::size_t i)
+{
+    return frame.descriptor().storageToOriginal(storedAt(frame, i));
+}
+
+std::shared_ptr<SharedImageSet> floatSet(std::vector<double> const& values, int channels = 1)
+{
+    auto const pixels = static_cast<int>(values.size()) / channels;
+    return std::make_shared<SharedImageSet>(
+        MLTest::placedFrame<float>(Eigen::Vector3i(pixels, 1, 1), channels, values));
+}
+
+std::string errorOf(Operation& operation, std::shared_ptr<SharedImageSet> const& set)
+{
+    try {
+        operation.process(set);
+    } catch (OperationException const& e) {
+        return e.what();
+    }
+    return "no error";
+}
+
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    std::size_t const n = values.size();
+    return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2.0;
+}
+
+// Per frame and channel: the original values, and the formula of each operation on them.
+using Channel = std::vector<double>;
+using Reference = std::function<std::vector<double>(Channel const& channel, Channel const& allChannels)>;
+
+struct Case
+{
+    std::string name;
+    std::function<std::unique_ptr<Operation>()> make;
+    Reference reference;
+    bool writesFloat;
+};
+
+std::vector<Case> cases()
+{
+    auto const uniform = [](Channel const& x, Channel const& all) {
+        auto const [lo, hi] = std::minmax_element(all.begin(), all.end());
+        std::vector<double> out;
+        for (double v : x)
+            out.push_back((v - *lo) / (*hi - *lo) * (3.0 - -2.0) + -2.0);
+        return out;
+    };
+    auto const minMax = [](Channel const& x, Channel const&) {
+        auto const [lo, hi] = std::minmax_element(x.begin(), x.end());
+        std::vector<double> out;
+        for (double v : x)
+            out.push_back((v - *lo) / (*hi - *lo));
+        return out;
+    };
+    auto const mad = [](bool fix) {
+        return [fix](Channel const& x, Channel const&) {
+            double const m = median(x);
+            std::vector<double> deviations;
+            for (double v : x)
+                deviations.push_back(std::abs(v - m));
+            double const d = median(deviations);
+            std::vector<double> out;
+            for (double v : x)
+                out.push_back((v - m) / d + (fix ? m : 0.0));
+            return out;
+        };
+    };
+    return {
+        {"NormalizeUniform", [] { return std::make_unique<NormalizeUniformOperation>(-2.0F, 3.0F); }, uniform,
+         true},
+        {"NormalizePercentileFullRange",
+         [] { return std::make_unique<NormalizePercentileOperation>(0.0F, 1.0F, true, false); }, minMax,
+         true},
+        {"NormalizeMAD", [] { return std::make_unique<NormalizeMADOperation>(); }, mad(false), true},
+        {"NormalizeMADFixMedian",
+         [] {
+             auto operation = std::make_unique<NormalizeMADOperation>();
+             operation->p_fixMedian.setValue(true);
+             return operation;
+         },
+         mad(true), true},
+    };
+}
+
+} // namespace
+
+template <class T>
+class NormalizationOperationsTest : public ::testing::Test
+{};
+TYPED_TEST_SUITE(NormalizationOperationsTest, AllPixelTypes);
+
+TYPED_TEST(NormalizationOperationsTest, MatchAReferenceLoopPerFrameAndChannel)
+{
+    auto const count = static_cast<std::size_t>(kSize.prod() * kChannels);
+    for (Case const& c : cases()) {
+        SCOPED_TRACE(c.name);
+        std::vector<std::vector<double>> const stored = {randomStored<TypeParam>(count, 5),
+                                                         randomStored<TypeParam>(count, 6)};
+        auto set = std::make_shared<SharedImageSet>();
+        for (auto const& values : stored)
+            set->add(MLTest::placedFrame<TypeParam>(kSize, kChannels, values, kShift, kScale));
+        auto const input = set;
+        Log::Capture capture;
+        set = c.make()->process(set);
+        ASSERT_NE(set, nullptr);
+        ASSERT_EQ(set->size(), 2);
+        for (int f = 0; f < 2; ++f) {
+            SharedImage const& out = *set->get(f);
+            ASSERT_EQ(out.pixelType(), PixelType::Float);
+            EXPECT_TRUE(out.matrixToWorld().isApprox(MLTest::placedFrameMatrix()));
+            EXPECT_EQ(out.spacing(), Eigen::Vector3d(0.7, 1.1, 2.5));
+            Channel all;
+            std::vector<Channel> channels(kChannels);
+            for (std::size_t i = 0; i < count; ++i) {
+                double const x = static_cast<double>(static_cast<TypeParam>(stored[f][i])) / kScale - kShift;
+                all.push_back(x);
+                channels[i % kChannels].push_back(x);
+            }
+            for (int ch = 0; ch < kChannels; ++ch) {
+                std::vector<double> const expected = c.reference(channels[ch], all);
+                for (std::size_t p = 0; p < expected.size(); ++p) {
+                    double const actual = originalAt(out, p * kChannels + ch);
+                    ASSERT_NEAR(actual, expected[p], 1e-5 * std::max(1.0, std::abs(expected[p])))
+                        << "frame " << f << " channel " << ch << " pixel " << p;
+                }
+            }
+        }
+        // Integer input is converted, never written in place.
+        if constexpr (!std::is_floating_point_v<TypeParam>) {
+            EXPECT_EQ(input->get(0)->pixelType(), Utils::pixelTypeId<TypeParam>());
+        }
+    }
+}
+
+TYPED_TEST(NormalizationOperationsTest, GammaCorrectionTakesFloatOnlyAndKeepsTheRange)
+{
+    auto const count = static_cast<std::size_t>(kSize.prod() * kChannels);
+    auto const stored = randomStored<TypeParam>(count, 11);
+    auto set = std::make_shared<SharedImageSet>(
+        MLTest::placedFrame<TypeParam>(kSize, kChannels, stored, kShift, kScale));
+    GammaCorrectionOperation gamma(0.5);
+    if constexpr (!std::is_same_v<TypeParam, float>) {
+        EXPECT_EQ(errorOf(gamma, set), "[ML.GammaCorrection] Input image must be float");
+        EXPECT_EQ(storedAt(*set->get(0), 0), static_cast<double>(static_cast<TypeParam>(stored[0])));
+    } else {
+        std::vector<double> originals;
+        for (double v : stored)
+            originals.push_back(v / kScale - kShift);
+        auto const [lo, hi] = std::minmax_element(originals.begin(), originals.end());
+        double const r = *hi - *lo;
+        set = gamma.process(set);
+        for (std::size_t i = 0; i < count; ++i) {
+            double const expected = r * std::pow((originals[i] - *lo) / r, 0.5) + *lo;
+            ASSERT_NEAR(originalAt(*set->get(0), i), expected, 1e-4) << i;
+        }
+    }
+}
+
+TYPED_TEST(NormalizationOperationsTest, NormalizeNormalOfAConstantImageIsZero)
+{
+    std::vector<double> const stored(static_cast<std::size_t>(kSize.prod() * kChannels), 17.0);
+    auto set = std::make_shared<SharedImageSet>(
+        MLTest::placedFrame<TypeParam>(kSize, kChannels, stored, kShift, kScale));
+    set = NormalizeNormalOperation().process(set);
+    for (std::size_t i = 0; i < stored.size(); ++i)
+        ASSERT_EQ(originalAt(*set->get(0), i), 0.0) << i;
+}
+
+// ---- NormalizeNormal statistics --------------------------------------------------------------
+
+struct MomentsCase
+{
+    std::string name;
+    double mean;
+    double spread;
+    int channels;
+    bool keepBackground;
+};
+
+class NormalizeNormalStatistics : public ::testing::TestWithParam<MomentsCase>
+{};
+
+// Volumes of many slices (split between threads) with offsets large against their spread, where
+// sums of x and x² would lose the deviation; compared with a two-pass reference in double.
+TEST_P(NormalizeNormalStatistics, MatchATwoPassReference)
+{
+    MomentsCase const& c = GetParam();
+    Eigen::Vector3i const size(33, 17, 29);
+    auto const count = static_cast<std::size_t>(size.prod() * c.channels);
+    std::mt19937 engine(3);
+    std::normal_distribution<double> normal(0.0, 1.0);
+    std::vector<double> values(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        double const v = static_cast<float>(c.mean * (1 + static_cast<double>(i % c.channels)) +
+                                            c.spread * normal(engine));
+        values[i] = c.keepBackground && i % 5 == 0 ? 0.0 : v;
+    }
+    auto set = std::make_shared<SharedImageSet>(MLTest::placedFrame<float>(size, c.channels, values));
+    set->add(
+        MLTest::placedFrame<float>(Eigen::Vector3i(5, 4, 3), c.channels,
+                                   std::vector<double>(static_cast<std::size_t>(60 * c.channels), c.mean)));
+    std::vector<double> all = values;
+    all.insert(all.end(), static_cast<std::size_t>(60 * c.channels), c.mean);
+
+    std::vector<double> n(c.channels, 0.0), mean(c.channels, 0.0), var(c.channels, 0.0);
+    auto const counted = [&](double v) { return !c.keepBackground || v != 0.0; };
+    for (std::size_t i = 0; i < all.size(); ++i)
+        if (counted(all[i])) {
+            n[i % c.channels] += 1;
+            mean[i % c.channels] += all[i];
+        }
+    for (int ch = 0; ch < c.channels; ++ch)
+        mean[ch] /= n[ch];
+    for (std::size_t i = 0; i < all.size(); ++i)
+        if (counted(all[i]))
+            var[i % c.channels] += std::pow(all[i] - mean[i % c.channels], 2) / n[i % c.channels];
+
+    set = NormalizeNormalOperation(c.keepBackground, 0.0F).process(set);
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        SharedImage const& out = *set->get(i < count ? 0 : 1);
+        std::size_t const at = i < count ? i : i - count;
+        int const ch = static_cast<int>(i % c.channels);
+        double const expected = counted(all[i]) ? (all[i] - mean[ch]) / std::sqrt(var[ch]) : 0.0;
+        // The subtraction happens in float, as in the reference of numpy: its rounding of a
+        // value of size `mean` is what limits agreement.
+        double const tolerance = 1e-5 + 2.0 * std::abs(c.mean) * 1e-7 / std::sqrt(var[ch]);
+        ASSERT_NEAR(storedAt(out, at), expected, tolerance) << i;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Offsets, NormalizeNormalStatistics,
+                         ::testing::Values(MomentsCase{"Centred", 0.0, 1.0, 1, false},
+                                           MomentsCase{"CtLike", 1000.0, 1.0, 1, false},
+                                           MomentsCase{"LargeOffset", 1.0e5, 3.0, 1, false},
+                                           MomentsCase{"ThreeChannels", 500.0, 2.0, 3, false},
+                                           MomentsCase{"Background", 1000.0, 4.0, 1, true},
+                                           MomentsCase{"BackgroundTwoChannels", 50.0, 4.0, 2, true}),
+                         [](auto const& info) { return info.param.name; });
+
+// ---- Messages --------------------------------------------------------------------------------
+
+struct ConfigureCase
+{
+    std::string name;
+    std::function<void(Properties&)> fill;
+    std::string message;
+};
+
+class NormalizePercentileConfigure : public ::testing::TestWithParam<ConfigureCase>
+{};
+
+TEST_P(NormalizePercentileConfigure, RefusesWithItsMessage)
+{
+    ConfigureCase const& c = GetParam();
+    NormalizePercentileOperation operation;
+    Properties properties;
+    c.fill(properties);
+    Log::Capture capture;
+    EXPECT_FALSE(operation.configure(properties));
+    EXPECT_TRUE(capture.contains(c.message, "ML.NormalizePercentile")) << c.message;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Messages, NormalizePercentileConfigure,
+    ::testing::Values(
+        ConfigureCase{"MinOutlier", [](Properties& p) { p.setParam("min_outlier", 0.1); },
+                      "Parameters 'min_outlier' or 'max_outlier' are not supported anymore"},
+        ConfigureCase{"MaxOutlier", [](Properties& p) { p.setParam("max_outlier", 0.9); },
+                      "Parameters 'min_outlier' or 'max_outlier' are not supported anymore"},
+        ConfigureCase{"MinBelowZero", [](Properties& p) { p.setParam("min_percentile", -0.1); },
+                      "Min/max percentiles must be in [0;1] (min_percentile -0.1, max_percentile 1)"},
+        ConfigureCase{"MaxAboveOne", [](Properties& p) { p.setParam("max_percentile", 1.5); },
+                      "Min/max percentiles must be in [0;1] (min_percentile 0, max_percentile 1.5)"}),
+    [](auto const& info) { return info.param.name; });
+
+TEST(NormalizePercentile, RangeIsCheckedWhenBuiltAndWhenProcessing)
+{
+    EXPECT_THROW(NormalizePercentileOperation(-0.5F, 1.0F), ParamException);
+    EXPECT_THROW(NormalizePercentileOperation(0.0F, 2.0F), ParamException);
+    NormalizePercentileOperation operation;
+    operation.p_maxPercentile.setValue(1.25F);
+    auto set = floatSet({1, 2, 3});
+    EXPECT_EQ(errorOf(operation, set), "[ML.NormalizePercentile] Min/max percentiles must be in [0;1]");
+    EXPECT_EQ(storedAt(*set->get(0), 2), 3.0) << "nothing was written";
+
+    Properties good;
+    good.setParam("min_percentile", 0.2);
+    good.setParam("max_percentile", 0.8);
+    good.setParam("clamp_values", true);
+    good.setParam("ignore_zeros", true);
+    ASSERT_TRUE(operation.configure(good));
+    EXPECT_FLOAT_EQ(operation.p_minPercentile.value(), 0.2F);
+    EXPECT_TRUE(operation.p_ignoreZeros.value());
+}
+
+TEST(NormalizePercentile, LogsTheImplicitConversionAndThePercentileValues)
+{
+    auto set = std::make_shared<SharedImageSet>(
+        MLTest::placedFrame<short>(Eigen::Vector3i(5, 1, 1), 1, {10, 20, 30, 40, 50}, kShift, kScale));
+    int const level = Log::g_globalLevel;
+    Log::g_globalLevel = 1;
+    Log::Capture capture;
+    set = NormalizePercentileOperation().process(set);
+    Log::g_globalLevel = level;
+    EXPECT_TRUE(capture.contains("Input was not float - adding an implicit MakeFloatOperation.",
+                                 "ML.NormalizePercentile"));
+    EXPECT_TRUE(capture.contains("minPercentileValue = 2", "ML.NormalizePercentile"));
+    EXPECT_TRUE(capture.contains("maxPercentileValue = 22", "ML.NormalizePercentile"));
+    EXPECT_EQ(storedAt(*set->get(0), 2), 0.5);
+}
+
+TEST(NormalizePercentile, IgnoreZerosLeavesZerosOutOfThePercentilesOnBothSides)
+{
+    std::vector<double> const values = {0, -4, 0, 0, 6, 0, 2, 0};
+    auto withZeros = NormalizePercentileOperation(0.0F, 1.0F).process(floatSet(values));
+    auto ignoring = NormalizePercentileOperation(0.0F, 1.0F, false, true).process(floatSet(values));
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        // Range [-4, 6] either way: zeros lie inside it and are mapped, not skipped.
+        EXPECT_NEAR(storedAt(*withZeros->get(0), i), (values[i] + 4.0) / 10.0, 1e-6) << i;
+        EXPECT_NEAR(storedAt(*ignoring->get(0), i), (values[i] + 4.0) / 10.0, 1e-6) << i;
+    }
+    // Only positive values besides zeros: the lower end is the smallest of them, not 0.
+    std::vector<double> const positive = {0, 0, 0, 10, 12, 14, 0, 20};
+    auto set = NormalizePercentileOperation(0.0F, 1.0F, false, true).process(floatSet(positive));
+    for (std::size_t i = 0; i < positive.size(); ++i)
+        EXPECT_NEAR(storedAt(*set->get(0), i), (positive[i] - 10.0) / 10.0, 1e-6) << i;
+
+    auto zeros = floatSet({0, 0, 0});
+    NormalizePercentileOperation onlyZeros(0.0F, 1.0F, false, true);
+    Log::Capture capture;
+    EXPECT_EQ(errorOf(onlyZeros, zeros),
+              "[ML.NormalizePercentile] Could not compute the percentiles 0 and 1 of channel 0 of image 0");
+}
+
+TEST(NormalizePercentile, ClampValuesBoundsTheResultAndEqualPercentilesDivideByZero)
+{
+    std::vector<double> ramp(100);
+    for (std::size_t i = 0; i < ramp.size(); ++i)
+        ramp[i] = static_cast<double>(i);
+    auto open = NormalizePercentileOperation(0.25F, 0.75F, false).process(floatSet(ramp));
+    auto clamped = NormalizePercentileOperation(0.25F, 0.75F, true).process(floatSet(ramp));
+    EXPECT_LT(storedAt(*open->get(0), 0), -0.4);
+    EXPECT_GT(storedAt(*open->get(0), 99), 1.4);
+    for (std::size_t i = 0; i < ramp.size(); ++i) {
+        double const o = storedAt(*open->get(0), i);
+        EXPECT_EQ(storedAt(*clamped->get(0), i), std::min(std::max(o, 0.0), 1.0)) << i;
+    }
+    // The quartiles of 0..99 lie within a histogram bin (99/1024) of 24.75 and 74.25.
+    EXPECT_NEAR(storedAt(*open->get(0), 50), (50.0 - 24.75) / 49.5, 0.01);
+
+    auto equal = NormalizePercentileOperation(0.5F, 0.5F).process(floatSet({1, 2, 3}));
+    for (std::size_t i = 0; i < 3; ++i)
+        EXPECT_FALSE(std::isfinite(storedAt(*equal->get(0), i))) << "no guard, by design: " << i;
+}
+
+// ---- NormalizeUniform with masks and windows -------------------------------------------------
+
+TEST(NormalizeUniform, MaskedImagesTakeTheRangeFromInsideTheMaskAndKeepIt)
+{
+    std::vector<double> const values = {-100, 2, 4, 6, 500, 10};
+    auto set = floatSet(values);
+    auto maskImage = TypedImage<unsigned char>::zeros(Eigen::Vector3i(6, 1, 1), 1);
+    for (std::size_t i = 1; i <= 3; ++i)
+        maskImage->setValue(1, i);
+    auto const mask =
+        std::make_shared<ExplicitMask>(std::shared_ptr<TypedImage<unsigned char>>(std::move(maskImage)));
+    set->get(0)->setMask(mask);
+    auto const result = NormalizeUniformOperation(0.0F, 1.0F).process(set);
+    ASSERT_NE(result, set) << "a new set of float frames";
+    EXPECT_EQ(result->get(0)->mask(), mask);
+    std::vector<double> const expected = {-25.5, 0, 0.5, 1, 124.5, 2};
+    for (std::size_t i = 0; i < values.size(); ++i)
+        EXPECT_NEAR(storedAt(*result->get(0), i), expected[i], 1e-5) << i;
+    auto const* window = result->components().get<DisplayOptions2d>();
+    ASSERT_NE(window, nullptr);
+    EXPECT_NEAR(window->greyValue(0.0), 0.0, 1e-12);
+    EXPECT_NEAR(window->greyValue(1.0), 1.0, 1e-12);
+    EXPECT_EQ(storedAt(*set->get(0), 0), -100.0) << "the input is not written";
+
+    // Nothing inside the mask: no range to take.
+    auto empty = floatSet({1, 2});
+    empty->get(0)->setMask(std::make_shared<IntensityMask>(50.0, 60.0));
+    NormalizeUniformOperation operation;
+    EXPECT_EQ(errorOf(operation, empty),
+              "[ML.NormalizeUniform] Image 0 has no value inside its mask to take the range from");
+}
+
+TEST(NormalizeUniform, ConstantImageGoesToTheLowerEnd)
+{
+    auto set = NormalizeUniformOperation(-1.0F, 1.0F).process(floatSet({4, 4, 4}));
+    for (std::size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(storedAt(*set->get(0), i), -1.0) << i;
+}
+
+// ---- NormalizeMAD on known vectors -----------------------------------------------------------
+
+struct MadCase
+{
+    std::string name;
+    std::vector<double> values;
+    int channels;
+    std::vector<int> selected;
+    bool fixMedian;
+    std::vector<double> expected;
+};
+
+class NormalizeMADKnown : public ::testing::TestWithParam<MadCase>
+{};
+
+TEST_P(NormalizeMADKnown, GivesTheWorkedResult)
+{
+    MadCase const& c = GetParam();
+    NormalizeMADOperation operation(c.selected);
+    operation.p_fixMedian.setValue(c.fixMedian);
+    auto set = operation.process(floatSet(c.values, c.channels));
+    for (std::size_t i = 0; i < c.expected.size(); ++i)
+        EXPECT_NEAR(storedAt(*set->get(0), i), c.expected[i], 1e-6) << i;
+    auto const [lo, hi] = std::minmax_element(c.expected.begin(), c.expected.end());
+    if (c.channels == 1 && *hi > *lo) {
+        auto const* window = set->components().get<DisplayOptions2d>();
+        ASSERT_NE(window, nullptr);
+        EXPECT_NEAR(window->greyValue(*lo), 0.0, 1e-9);
+        EXPECT_NEAR(window->greyValue(*hi), 1.0, 1e-9);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Vectors, NormalizeMADKnown,
+                         ::testing::Values(
+                             // median 6, deviations {4, 2, 0, 2, 194}: MAD 2.
+                             MadCase{"Odd", {2, 4, 6, 8, 200}, 1, {}, false, {-2, -1, 0, 1, 97}},
+                             MadCase{"FixMedian", {2, 4, 6, 8, 200}, 1, {}, true, {4, 5, 6, 7, 103}},
+                             // median 2.5, deviations {1.5, 0.5, 0.5, 1.5}: MAD 1.
+                             MadCase{"Even", {4, 1, 3, 2}, 1, {}, false, {1.5, -1.5, 0.5, -0.5}},
+                             MadCase{"ZeroMad", {5, 5, 5, 9}, 1, {}, false, {0, 0, 0, 0}},
+                             // Channel 0 is not selected and keeps its values.
+                             MadCase{
+                                 "SelectedChannel", {7, 2, 8, 4, 9, 6}, 2, {1}, false, {7, -1, 8, 0, 9, 1}}),
+                         [](auto const& info) { return info.param.name; });
+
+TEST(NormalizeMAD, RefusesUnknownChannelsAndWarnsWhenForcedToTheGpu)
+{
+    NormalizeMADOperation wrong({0, 2});
+    auto set = floatSet({1, 2, 3, 4}, 2);
+    EXPECT_EQ(errorOf(wrong, set),
+              "[ML.NormalizeMAD] Selected channel 2 does not exist in images of 2 channels");
+
+    NormalizeMADOperation forced;
+    forced.setComputingDevice(ComputingDevice::ForceGPU);
+    Log::Capture capture;
+    set = forced.process(floatSet({1, 2, 3}));
+    EXPECT_TRUE(capture.contains("NormalizeMAD was forced to run on GPU but is not implemented for that yet.",
+                                 "ML.NormalizeMAD"));
+    EXPECT_NEAR(storedAt(*set->get(0), 0), -1.0, 1e-6) << "it still ran, on the CPU";
+}
+
+// ---- Registration ----------------------------------------------------------------------------
+
+TEST(NormalizationOperations, AreCreatedByNameWithTheirKeys)
+{
+    registerOperations();
+    Properties properties;
+    properties.setParam("gamma", 2.5);
+    auto const gamma = Operation::createFromFactories({"GammaCorrection", properties, Phase::Always});
+    ASSERT_NE(gamma, nullptr);
+    EXPECT_EQ(dynamic_cast<GammaCorrectionOperation&>(*gamma).p_gamma.value(), 2.5);
+    Properties mad;
+    mad.setParam("selected_channels", std::vector<int>{0, 2});
+    mad.setParam("fix_median", true);
+    auto const madOperation = Operation::createFromFactories({"NormalizeMAD", mad, Phase::Always});
+    ASSERT_NE(madOperation, nullptr);
+    EXPECT_EQ(dynamic_cast<NormalizeMADOperation&>(*madOperation).p_selectedChannels.value(),
+              (std::vector<int>{0, 2}));
+    for (char const* name : {"NormalizeUniform", "NormalizePercentile", "NormalizeMAD", "GammaCorrection"}) {
+        auto const operation = Operation::createFromFactories({name, Properties(), Phase::Always});
+        ASSERT_NE(operation, nullptr) << name;
+        EXPECT_EQ(operation->processingPolicy(), Operation::ProcessingPolicy::EverythingButLabels) << name;
+        EXPECT_FALSE(operation->doesNotModifyInput()) << name;
+    }
+}
