@@ -17,9 +17,16 @@
 #include "ml/operations/catalogue/LabelOperations.h"
 #include "ml/operations/catalogue/NormalizationOperations.h"
 #include "ml/operations/catalogue/PadOperations.h"
+#include "ml/operations/catalogue/RecombinePatchesOperation.h"
 #include "ml/operations/catalogue/ResampleOperations.h"
 #include "ml/operations/catalogue/SetSpacingOperation.h"
+#include "ml/operations/catalogue/SplitIntoPatchesOperation.h"
 #include "ml/operations/catalogue/UndoPaddingOperation.h"
+#include "ml/sampling/CenterROISampler.h"
+#include "ml/sampling/DefaultROISampler.h"
+#include "ml/sampling/LabelROISampler.h"
+#include "ml/sampling/RandomROISampler.h"
+#include "ml/sampling/SplitROISampler.h"
 
 #include "host/data/DataComponentFactory.h"
 
@@ -71,6 +78,7 @@ std::vector<OperationRow> const& operationRows()
         row<PadDimsOperation>("PadDims"),
         row<PadDimsToNextMultipleOperation>("PadDimsToNextMultiple"),
         row<PolyCropOperation>("PolyCrop"),
+        row<RecombinePatchesOperation>("RecombinePatches"),
         row<RemoveOperation>("Remove"),
         row<RenameOperation>("Rename"),
         row<ResampleOperation>("Resample"),
@@ -83,10 +91,28 @@ std::vector<OperationRow> const& operationRows()
         row<SigmoidOperation>("Sigmoid"),
         row<SmoothOperation>("Smooth"),
         row<SoftmaxOperation>("Softmax"),
+        row<SplitIntoPatchesOperation>("SplitIntoPatches"),
         row<TanhOperation>("Tanh"),
         row<ThresholdOperation>("Threshold"),
         row<UndoPaddingOperation>("UndoPadding"),
     };
+    return rows;
+}
+
+// The samplers, in the same factory, registered after the operations in this order (the order in
+// which tools list them).
+std::vector<OperationRow> const& samplerRows()
+{
+    // One sampler per line, like the operation table.
+    // clang-format off
+    static std::vector<OperationRow> const rows = {
+        row<DefaultROISampler>("DefaultROISampler"),
+        row<RandomROISampler>("RandomROISampler"),
+        row<CenterROISampler>("CenterROISampler"),
+        row<SplitROISampler>("SplitROISampler"),
+        row<LabelROISampler>("LabelROISampler"),
+    };
+    // clang-format on
     return rows;
 }
 
@@ -96,6 +122,8 @@ void registerOperations()
 {
     for (auto const& operation : operationRows())
         operation.registerUnder(operation.name);
+    for (auto const& sampler : samplerRows())
+        sampler.registerUnder(sampler.name);
 }
 
 std::vector<std::string> registeredOperationNames()
@@ -103,6 +131,8 @@ std::vector<std::string> registeredOperationNames()
     std::vector<std::string> names;
     for (auto const& operation : operationRows())
         names.emplace_back(operation.name);
+    for (auto const& sampler : samplerRows())
+        names.emplace_back(sampler.name);
     return names;
 }
 
