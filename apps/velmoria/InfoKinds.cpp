@@ -1,5 +1,6 @@
 #include "apps/velmoria/InfoKinds.h"
 
+#include "ml/model/Engine.h"
 #include "ml/operations/OperationFactory.h"
 
 #include "host/algorithm/FactoryRegistry.h"
@@ -54,16 +55,17 @@ std::vector<std::string> samplers(PluginManager const&)
     return sorted(std::move(names));
 }
 
-// The registries of data loaders, engines and metrics are not part of the library yet; these
-// kinds list nothing until they are wired here.
+// The registries of data loaders and metrics are not part of the library yet; these kinds list
+// nothing until they are wired here.
 std::vector<std::string> loaders(PluginManager const&)
 {
     return {};
 }
 
+// Every engine of every engine factory: engine plug-ins register theirs while they load.
 std::vector<std::string> engines(PluginManager const&)
 {
-    return {};
+    return ML::registeredEngineNames();
 }
 
 std::vector<std::string> metrics(PluginManager const&)

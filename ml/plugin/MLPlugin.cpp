@@ -1,5 +1,6 @@
 #include "ml/plugin/MLPlugin.h"
 
+#include "ml/model/ModelResources.h"
 #include "ml/plugin/MLFactories.h"
 #include "ml/plugin/Registrations.h"
 
@@ -47,8 +48,9 @@ int MLPlugin::init()
     // 8. The data components, so that files can bring them back, and with them the recorder that
     // gives every processed element its processing record.
     ML::registerDataComponents();
-    // (9. the resource repository, 10. display handlers and 11. file plug-ins follow with the
-    // model resources, the viewer and the container file.)
+    // 9. The resource repositories that serve models and their YAML files by name.
+    ML::registerModelRepositories();
+    // (10. display handlers and 11. file plug-ins follow with the viewer and the container file.)
     return 0;
 }
 
