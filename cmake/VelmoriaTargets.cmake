@@ -10,6 +10,12 @@ endif()
 set(VELMORIA_SANITIZER_FLAGS "")
 if(VELMORIA_SANITIZE_ADDRESS)
   set(VELMORIA_SANITIZER_FLAGS -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  # With the sanitizers' instrumentation GCC 12 reports -Wmaybe-uninitialized inside libstdc++'s
+  # std::regex (the moved-from std::function of an NFA state); the plain builds do not. Keep it a
+  # warning in this build only, so real warnings elsewhere still fail the others.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    list(APPEND VELMORIA_WARNINGS -Wno-error=maybe-uninitialized)
+  endif()
 elseif(VELMORIA_SANITIZE_THREAD)
   set(VELMORIA_SANITIZER_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
 endif()
