@@ -1,0 +1,571 @@
+// The prediction driver with engines registered from the test code: the choice between batch and
+// frame-by-frame execution, patch-wise prediction with and without recombination, output
+// containers, the failures of loading and predicting, lazy engine creation and cancelling.
+
+#include "ml/model/MachineLearningModel.h"
+
+#include "ml/data/DataItem.h"
+#include "ml/data/ImageElement.h"
+#include "ml/data/components/ReferenceImageDataComponent.h"
+#include "ml/model/Engine.h"
+#include "ml/operations/OperationFactory.h"
+#include "tests/ml/data/ImageSetFixtures.h"
+
+#include "host/core/Filesystem.h"
+#include "host/core/Log.h"
+#include "host/core/Progress.h"
+#include "host/image/SharedImageSet.h"
+#include "host/image/TypedImage.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Velmoria::ML {
+namespace {
+
+constexpr char const* kCategory = "ML.MachineLearningModel";
+
+// What the engines saw: the batch size and the first frame's dimensions of every call.
+struct EngineCall
+{
+    std::size_t batch = 0;
+    Eigen::Vector3i dims = Eigen::Vector3i::Zero();
+};
+std::vector<EngineCall> g_calls;
+int g_constructed = 0;
+
+// Doubles the first input field's images into every configured output field (so a second output
+// field exists to be ignored) and records each call.
+class DoublingEngine : public Engine
+{
+public:
+    explicit DoublingEngine(std::string name = "mlm_doubler")
+        : Engine(std::move(name))
+    {
+        ++g_constructed;
+    }
+
+    DataItem predict(DataItem const& input) override
+    {
+        checkInputFields(input);
+        auto const* element = input.get<ImageElement>(config.p_inputFields.value().front());
+        if (!element)
+            throw std::runtime_error("no image input");
+        g_calls.push_back(
+            {static_cast<std::size_t>(element->sis()->size()), element->sis()->get(0)->dimensions()});
+        DataItem prediction;
+        for (std::string const& field : config.p_outputFields.value()) {
+            auto doubled = std::make_shared<SharedImageSet>();
+            for (auto const& frame : element->sis()->images()) {
+                std::shared_ptr<SharedImage> copy = frame->clone();
+                auto* pixels = static_cast<float*>(copy->mem()->data());
+                for (std::size_t i = 0; i < copy->mem()->valueCount(); ++i)
+                    pixels[i] *= 2.0F;
+                doubled->add(copy);
+            }
+            prediction.set(field, doubled);
+        }
+        return prediction;
+    }
+};
+
+class ThrowingEngine : public Engine
+{
+public:
+    ThrowingEngine()
+        : Engine("mlm_thrower")
+    {}
+    DataItem predict(DataItem const&) override { throw std::runtime_error("the network failed"); }
+};
+
+// Cancels the progress of the running test when the post-processing reaches it.
+Progress* g_progressToCancel = nullptr;
+class CancelOperation : public Operation
+{
+public:
+    CancelOperation()
+        : Operation("MlmCancel", ProcessingPolicy::Everything)
+    {}
+    void process(DataItem&) override
+    {
+        if (g_progressToCancel)
+            g_progressToCancel->cancel();
+    }
+    using Operation::process;
+};
+
+void registerTestTypes()
+{
+    EngineFactory& engines = getCppEngineFactory();
+    if (!engines.hasType("mlm_doubler"))
+        engines.registerType<DoublingEngine>("mlm_doubler", makeInitializedEngine<DoublingEngine>);
+    if (!engines.hasType("mlm_thrower"))
+        engines.registerType<ThrowingEngine>("mlm_thrower", makeInitializedEngine<ThrowingEngine>);
+    // Registered, but its builder fails: only a lazy model gets past loading with it.
+    if (!engines.hasType("mlm_broken"))
+        engines.registerType<ThrowingEngine>(
+            "mlm_broken", [](Properties const&) { return std::unique_ptr<ThrowingEngine>(); });
+    OperationFactory& operations = getCppOperationFactory();
+    if (!operations.hasType("MlmCancel"))
+        operations.registerType<CancelOperation>("MlmCancel", makeUniqueOperation<CancelOperation>);
+}
+
+MLTest::FrameLayout layoutOf(Eigen::Vector3i const& size)
+{
+    MLTest::FrameLayout layout;
+    layout.size = size;
+    return layout;
+}
+
+// A model file of schema 8 around `engine`; `extra` is appended as top-level YAML.
+std::string modelText(std::string const& engine, std::string const& extra = "", int version = 8)
+{
+    return "Version: " + std::to_string(version) + "\nPredictionOutput: [Image]\nEngine:\n  Name: " + engine +
+           "\n  ModelFile: net.pt\n" + extra;
+}
+
+class MachineLearningModelTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        registerTestTypes();
+        g_calls.clear();
+        g_constructed = 0;
+    }
+
+    std::string write(std::string const& text)
+    {
+        std::string const path =
+            (m_folder.path().stdPath() / ("model" + std::to_string(m_files++) + ".yaml")).string();
+        EXPECT_TRUE(Filesystem::File(Filesystem::Path(path)).writeText(text));
+        return path;
+    }
+
+    std::unique_ptr<MachineLearningModel> load(std::string const& text, bool lazy = false)
+    {
+        auto model = std::make_unique<MachineLearningModel>();
+        auto const result = model->init(write(text), PredictionOutput::Image, lazy);
+        EXPECT_EQ(result.status, 0) << result.message.value_or("");
+        return result.status == 0 ? std::move(model) : nullptr;
+    }
+
+    static DataItem inputOf(std::shared_ptr<SharedImageSet> set)
+    {
+        DataItem item;
+        item.set("Input", std::move(set));
+        return item;
+    }
+
+    static std::vector<std::size_t> batches()
+    {
+        std::vector<std::size_t> sizes;
+        for (auto const& call : g_calls)
+            sizes.push_back(call.batch);
+        return sizes;
+    }
+
+    // Every value of `out` is twice the same value of `in`.
+    static void expectDoubled(SharedImage const& in, SharedImage const& out)
+    {
+        ASSERT_EQ(in.dimensions(), out.dimensions());
+        ASSERT_EQ(in.mem()->valueCount(), out.mem()->valueCount());
+        auto const* a = static_cast<float const*>(in.mem()->data());
+        auto const* b = static_cast<float const*>(out.mem()->data());
+        for (std::size_t i = 0; i < in.mem()->valueCount(); ++i)
+            ASSERT_FLOAT_EQ(b[i], 2.0F * a[i]) << "value " << i;
+    }
+
+    Log::Capture m_capture;
+    Filesystem::TemporaryDirectory m_folder{"mlmodel"};
+    int m_files = 0;
+};
+
+// ---- Execution path choice ---------------------------------------------------------------------
+
+struct PathCase
+{
+    std::string name;
+    int maxBatchSize;
+    int frames;
+    Eigen::Vector3i size;
+    bool mixedSizes; // frame 1 has another size than frame 0
+    bool batchMode;
+    std::vector<std::size_t> expectedBatches;
+};
+
+void PrintTo(PathCase const& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class ExecutionPathTest : public MachineLearningModelTest, public ::testing::WithParamInterface<PathCase>
+{};
+
+TEST_P(ExecutionPathTest, EngineSeesExpectedBatchesAndEveryFrameIsPredicted)
+{
+    PathCase const& c = GetParam();
+    auto model = load(modelText("mlm_doubler", "MaxBatchSize: " + std::to_string(c.maxBatchSize) + "\n"));
+    ASSERT_NE(model, nullptr);
+    MLTest::FrameLayout layout = layoutOf(c.size);
+    auto input = MLTest::makeSet(c.frames, layout);
+    if (c.mixedSizes) {
+        layout.size = c.size + Eigen::Vector3i(1, 0, 0);
+        input->replace(1, MLTest::makeFrame(layout));
+    }
+
+    int const level = Log::g_globalLevel;
+    Log::g_globalLevel = 1;
+    DataItem const output = model->predict(inputOf(input));
+    Log::g_globalLevel = level;
+    EXPECT_EQ(batches(), c.expectedBatches);
+    EXPECT_TRUE(m_capture.contains(c.batchMode ? "Batch mode: true" : "Batch mode: false", kCategory));
+
+    auto const* prediction = output.get<ImageElement>("Prediction");
+    ASSERT_NE(prediction, nullptr);
+    ASSERT_EQ(prediction->sis()->size(), c.frames);
+    for (int f = 0; f < c.frames; ++f)
+        expectDoubled(*input->get(f), *prediction->sis()->get(f));
+    // The output container is a clone of the input set and points back at it.
+    auto const* reference = prediction->sis()->components().get<ReferenceImageDataComponent>();
+    ASSERT_NE(reference, nullptr);
+    EXPECT_EQ(reference->reference, input);
+    EXPECT_NE(output.components().get<ReferenceImageDataComponent>(), nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Paths, ExecutionPathTest,
+    ::testing::Values(
+        PathCase{"NoMaximumSendsWholeBatch", -1, 5, {4, 4, 1}, false, true, {5}},
+        PathCase{"MaximumCutsBatches", 2, 5, {4, 4, 1}, false, true, {2, 2, 1}},
+        PathCase{"MaximumAboveBatchIsOneCall", 10, 5, {4, 4, 1}, false, true, {5}},
+        PathCase{"MaximumEqualToBatchIsOneBatch", 5, 5, {4, 4, 1}, false, true, {5}},
+        PathCase{"TwoDimensionalWithMaximumOneBatchesSingly", 1, 3, {4, 4, 1}, false, true, {1, 1, 1}},
+        PathCase{"ThreeDimensionalWithMaximumOneRunsFrameByFrame", 1, 3, {4, 4, 2}, false, false, {1, 1, 1}},
+        PathCase{"ThreeDimensionalWithLargerMaximumBatches", 4, 3, {4, 4, 2}, false, true, {3}},
+        PathCase{"IncompatibleFramesRunFrameByFrame", -1, 2, {4, 4, 2}, true, false, {1, 1}}),
+    [](auto const& info) { return info.param.name; });
+
+TEST_F(MachineLearningModelTest, MaxBatchSizeZeroIsAnErrorForANonEmptyBatch)
+{
+    auto model = load(modelText("mlm_doubler", "MaxBatchSize: 0\n"));
+    ASSERT_NE(model, nullptr);
+    EXPECT_TRUE(model->predict(inputOf(MLTest::makeSet(2, layoutOf({4, 4, 1})))).empty());
+    EXPECT_TRUE(g_calls.empty());
+    EXPECT_TRUE(
+        m_capture.contains("Max batch size must be positive or -1 (no maximum batch size).", kCategory));
+    EXPECT_TRUE(m_capture.contains("No prediction was returned.", kCategory));
+}
+
+// ---- Patches -----------------------------------------------------------------------------------
+
+struct PatchCase
+{
+    std::string name;
+    Eigen::Vector3i imageSize;
+    bool recombine;
+    std::size_t expectedCalls;
+    int expectedOutputFrames; // per input frame
+    Eigen::Vector3i expectedOutputSize;
+};
+
+void PrintTo(PatchCase const& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class PatchTest : public MachineLearningModelTest, public ::testing::WithParamInterface<PatchCase>
+{};
+
+TEST_P(PatchTest, PatchesArePredictedCroppedAndRecombined)
+{
+    PatchCase const& c = GetParam();
+    std::string text =
+        modelText("mlm_doubler", "MaxBatchSize: 1\n"
+                                 "PreProcessing:\n"
+                                 "  - SplitIntoPatches: {patch_size: [4, 4, 2], patch_step_size: 1}\n");
+    if (c.recombine)
+        text += "PostProcessing:\n  - RecombinePatches: {}\n";
+    auto model = load(text);
+    ASSERT_NE(model, nullptr);
+    auto input = MLTest::makeSet(2, layoutOf(c.imageSize));
+
+    DataItem const output = model->predict(inputOf(input));
+    ASSERT_FALSE(output.empty()) << "prediction failed";
+    EXPECT_EQ(g_calls.size(), 2 * c.expectedCalls);
+    for (auto const& call : g_calls) {
+        EXPECT_EQ(call.batch, 1U);
+        EXPECT_EQ(call.dims, Eigen::Vector3i(4, 4, 2)) << "the engine always sees whole patches";
+    }
+    auto const* prediction = output.get<ImageElement>("Prediction");
+    ASSERT_NE(prediction, nullptr);
+    ASSERT_EQ(prediction->sis()->size(), 2 * c.expectedOutputFrames);
+    for (auto const& frame : prediction->sis()->images())
+        EXPECT_EQ(frame->dimensions(), c.expectedOutputSize);
+    if (c.expectedOutputSize == c.imageSize)
+        for (int f = 0; f < 2; ++f)
+            expectDoubled(*input->get(f), *prediction->sis()->get(f));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Patches, PatchTest,
+    ::testing::Values(PatchCase{"RecombinedIntoWholeImage", {8, 8, 2}, true, 4, 1, {8, 8, 2}},
+                      PatchCase{"WithoutRecombinationEveryPatchIsASample", {8, 8, 2}, false, 4, 4, {4, 4, 2}},
+                      PatchCase{"ImageSmallerThanPatchIsCroppedBack", {3, 3, 2}, true, 1, 1, {3, 3, 2}},
+                      PatchCase{
+                          "ImageSmallerThanPatchWithoutRecombination", {3, 3, 2}, false, 1, 1, {3, 3, 2}}),
+    [](auto const& info) { return info.param.name; });
+
+TEST_F(MachineLearningModelTest, RecombinationWithoutSplitFailsToLoad)
+{
+    auto const result = MachineLearningModel::createWithStatus(
+        write(modelText("mlm_doubler", "PostProcessing:\n  - RecombinePatches: {}\n")),
+        PredictionOutput::Image);
+    EXPECT_EQ(result.model, nullptr);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.message.value_or(""),
+              "Recombination was specified in the post-processing, but no splitting "
+              "was defined in the pre-processing.");
+}
+
+// ---- Outputs -----------------------------------------------------------------------------------
+
+class IgnoredOutputTest : public MachineLearningModelTest, public ::testing::WithParamInterface<int>
+{};
+
+TEST_P(IgnoredOutputTest, IgnoredOutputIsNeitherInResultNorInContainers)
+{
+    int const slices = GetParam(); // 1: batch mode, 2: frame by frame
+    std::string const text = "Version: 8\nMaxBatchSize: 1\nPredictionOutput: [Image, Image]\nEngine:\n"
+                             "  Name: mlm_doubler\n  ModelFile: net.pt\n  OutputFields: [Prediction, Aux]\n"
+                             "  OutputFieldsToIgnore: [Aux]\n";
+    auto model = load(text);
+    ASSERT_NE(model, nullptr);
+    DataItem const containers = model->setupOutputItemContainers();
+    EXPECT_TRUE(containers.contains("Prediction"));
+    EXPECT_FALSE(containers.contains("Aux"));
+
+    DataItem const output = model->predict(inputOf(MLTest::makeSet(2, layoutOf({4, 4, slices}))));
+    ASSERT_EQ(g_calls.size(), 2U);
+    EXPECT_EQ(output.elements().size(), 1U);
+    EXPECT_TRUE(output.contains("Prediction"));
+    EXPECT_FALSE(output.contains("Aux"));
+}
+
+INSTANTIATE_TEST_SUITE_P(BothPaths, IgnoredOutputTest, ::testing::Values(1, 2));
+
+TEST_F(MachineLearningModelTest, ImageSetOverloadReturnsTheFirstOutputAsAPlainSet)
+{
+    auto model = load(modelText("mlm_doubler", "MaxBatchSize: -1\n"));
+    ASSERT_NE(model, nullptr);
+    auto input = MLTest::makeSet(2, layoutOf({4, 4, 1}));
+    std::unique_ptr<SharedImageSet> const output = model->predict(*input);
+    ASSERT_NE(output, nullptr);
+    ASSERT_EQ(output->size(), 2);
+    expectDoubled(*input->get(1), *output->get(1));
+    EXPECT_TRUE(output->get(1)->matrixToWorld().isApprox(input->get(1)->matrixToWorld()));
+}
+
+// ---- Failures ----------------------------------------------------------------------------------
+
+TEST_F(MachineLearningModelTest, ThrowingEngineGivesEmptyPredictionOnBothPaths)
+{
+    for (int slices : {1, 2}) {
+        auto model = load(modelText("mlm_thrower"));
+        ASSERT_NE(model, nullptr);
+        EXPECT_TRUE(model->predict(inputOf(MLTest::makeSet(2, layoutOf({4, 4, slices})))).empty()) << slices;
+    }
+    EXPECT_TRUE(m_capture.contains("Prediction failed: the network failed", kCategory));
+    EXPECT_TRUE(m_capture.contains("No prediction was returned.", kCategory));
+}
+
+TEST_F(MachineLearningModelTest, EmptyInputIsRefused)
+{
+    auto model = load(modelText("mlm_doubler"));
+    ASSERT_NE(model, nullptr);
+    EXPECT_TRUE(model->predict(DataItem()).empty());
+    EXPECT_TRUE(m_capture.contains("Empty input.", kCategory));
+    EXPECT_TRUE(g_calls.empty());
+}
+
+struct LoadFailure
+{
+    std::string name;
+    std::string text;
+    std::string expectedMessage; // a prefix of the message
+};
+
+void PrintTo(LoadFailure const& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class LoadFailureTest : public MachineLearningModelTest, public ::testing::WithParamInterface<LoadFailure>
+{};
+
+TEST_P(LoadFailureTest, ReportedByEveryConstructionPath)
+{
+    LoadFailure const& c = GetParam();
+    std::string const path = write(c.text);
+    auto const result = MachineLearningModel::createWithStatus(path, PredictionOutput::Image);
+    EXPECT_EQ(result.model, nullptr);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.message.value_or("").rfind(c.expectedMessage, 0), 0U) << result.message.value_or("");
+
+    EXPECT_EQ(MachineLearningModel::create(path, PredictionOutput::Image), nullptr);
+    EXPECT_TRUE(m_capture.contains(result.message.value_or("?"), kCategory));
+
+    try {
+        MachineLearningModel model(path, PredictionOutput::Image, false);
+        ADD_FAILURE() << "expected MLModelException";
+    } catch (MLModelException const& e) {
+        EXPECT_EQ(std::string(e.what()), result.message.value_or(""));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Failures, LoadFailureTest,
+    ::testing::Values(
+        LoadFailure{"NoEngineBlock", "Version: 8\nPredictionOutput: [Image]\n",
+                    "Could not configure the model: "},
+        LoadFailure{"UnknownOperation", modelText("mlm_doubler", "PreProcessing:\n  - NoSuchOperation: {}\n"),
+                    "Could not create the pre-processing sequence: "},
+        LoadFailure{"UnknownPostOperation",
+                    modelText("mlm_doubler", "PostProcessing:\n  - NoSuchOperation: {}\n"),
+                    "Could not create the post-processing sequence: "},
+        LoadFailure{"EngineCannotBeBuilt", modelText("mlm_broken"), "Could not create engine 'mlm_broken'."},
+        LoadFailure{"UnregisteredEngine", modelText("mlm_nonexistent"),
+                    "Could not create engine 'mlm_nonexistent'."}),
+    [](auto const& info) { return info.param.name; });
+
+// ---- Lazy engine, legacy schema, cancel ----------------------------------------------------------
+
+TEST_F(MachineLearningModelTest, LazyModelBuildsItsEngineAtTheFirstPrediction)
+{
+    auto model = load(modelText("mlm_doubler", "MaxBatchSize: -1\n"), true);
+    ASSERT_NE(model, nullptr);
+    EXPECT_EQ(model->engine(), nullptr);
+    EXPECT_EQ(g_constructed, 0);
+    EXPECT_FALSE(model->predict(inputOf(MLTest::makeSet(1, layoutOf({4, 4, 1})))).empty());
+    EXPECT_NE(model->engine(), nullptr);
+    EXPECT_EQ(g_constructed, 1);
+    EXPECT_FALSE(model->predict(inputOf(MLTest::makeSet(1, layoutOf({4, 4, 1})))).empty());
+    EXPECT_EQ(g_constructed, 1) << "the engine is built once";
+}
+
+TEST_F(MachineLearningModelTest, LazyModelReportsAnUnbuildableEngineAtPredictionTime)
+{
+    auto model = load(modelText("mlm_broken"), true);
+    ASSERT_NE(model, nullptr);
+    EXPECT_TRUE(model->predict(inputOf(MLTest::makeSet(1, layoutOf({4, 4, 1})))).empty());
+    EXPECT_TRUE(m_capture.contains("Model cannot be run due to engine not being initialized", kCategory));
+}
+
+TEST_F(MachineLearningModelTest, LazyModelRefusesAnUnregisteredEngine)
+{
+    MachineLearningModel model;
+    auto const result = model.init(write(modelText("mlm_nonexistent")), PredictionOutput::Image, true);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.message.value_or(""),
+              "Engine 'mlm_nonexistent' is not a registered type.\nPlease check that "
+              "your C++ plugins are properly loaded or Python packages are installed "
+              "in your current environment.");
+}
+
+TEST_F(MachineLearningModelTest, OlderSchemaNeedsTheUpgradeFlag)
+{
+    auto legacy = load(modelText("mlm_doubler", "MaxBatchSize: -1\n", 7));
+    ASSERT_NE(legacy, nullptr);
+    EXPECT_TRUE(legacy->predict(inputOf(MLTest::makeSet(1, layoutOf({4, 4, 1})))).empty());
+    EXPECT_TRUE(m_capture.containsFragment("legacy execution path 'executeBatch'"));
+    EXPECT_TRUE(m_capture.containsFragment("\"UpgradeToMLModelV2: true\""));
+    EXPECT_TRUE(g_calls.empty());
+
+    auto upgraded = load(modelText("mlm_doubler", "MaxBatchSize: -1\nUpgradeToMLModelV2: true\n", 7));
+    ASSERT_NE(upgraded, nullptr);
+    EXPECT_FALSE(upgraded->predict(inputOf(MLTest::makeSet(1, layoutOf({4, 4, 1})))).empty());
+}
+
+TEST_F(MachineLearningModelTest, CancelDuringPostProcessingDiscardsTheResult)
+{
+    auto model = load(modelText("mlm_doubler", "PostProcessing:\n  - MlmCancel: {}\n"));
+    ASSERT_NE(model, nullptr);
+    Progress progress;
+    model->setProgress(&progress);
+    g_progressToCancel = &progress;
+    DataItem const output = model->predict(inputOf(MLTest::makeSet(2, layoutOf({4, 4, 1}))));
+    g_progressToCancel = nullptr;
+    EXPECT_EQ(g_calls.size(), 2U) << "the prediction itself ran";
+    EXPECT_TRUE(output.empty());
+    EXPECT_TRUE(m_capture.contains("Prediction was cancelled.", kCategory));
+    EXPECT_TRUE(progress.activeTasks().empty()) << "every task ends with the prediction";
+}
+
+// Records every task as it starts: description and total steps.
+class RecordingProgress : public Progress
+{
+public:
+    std::vector<std::pair<std::string, int>> started;
+
+protected:
+    void onTaskStarted(TaskInfo const& task) override
+    {
+        started.emplace_back(task.description, task.totalSteps);
+    }
+};
+
+TEST_F(MachineLearningModelTest, FrameAndPatchLoopsReportNestedTasks)
+{
+    auto model =
+        load(modelText("mlm_doubler", "MaxBatchSize: 1\nPreProcessing:\n"
+                                      "  - SplitIntoPatches: {patch_size: [4, 4, 2], patch_step_size: 1}\n"
+                                      "PostProcessing:\n  - RecombinePatches: {}\n"));
+    ASSERT_NE(model, nullptr);
+    RecordingProgress progress;
+    model->setProgress(&progress);
+    ASSERT_FALSE(model->predict(inputOf(MLTest::makeSet(2, layoutOf({8, 8, 2})))).empty());
+    using Started = std::vector<std::pair<std::string, int>>;
+    EXPECT_EQ(progress.started, (Started{{"Pre-processing input...", 6},
+                                         {"Processing input frames...", 2},
+                                         {"Predicting image parts...", 4},
+                                         {"Predicting image parts...", 4}}));
+}
+
+TEST_F(MachineLearningModelTest, CancelBeforeTheFrameLoopRunsNoEngine)
+{
+    auto model = load(modelText("mlm_doubler", "MaxBatchSize: 1\n"));
+    ASSERT_NE(model, nullptr);
+    Progress progress;
+    model->setProgress(&progress);
+    progress.cancel();
+    EXPECT_TRUE(model->predict(inputOf(MLTest::makeSet(3, layoutOf({4, 4, 2})))).empty());
+    EXPECT_TRUE(g_calls.empty());
+    EXPECT_TRUE(m_capture.contains("No prediction was returned.", kCategory));
+}
+
+// ---- References ----------------------------------------------------------------------------------
+
+TEST_F(MachineLearningModelTest, ReferenceImageFollowsComponentThenCompatibleElements)
+{
+    auto first = MLTest::makeSet(2, layoutOf({4, 4, 1}));
+    auto same = MLTest::makeSet(2, layoutOf({4, 4, 1}));
+    DataItem item = inputOf(first);
+    item.set("Other", same);
+    EXPECT_EQ(MachineLearningModel::maybeGetReferenceImage(item), first);
+
+    item.set("Other", MLTest::makeSet(2, layoutOf({5, 4, 1})));
+    EXPECT_EQ(MachineLearningModel::maybeGetReferenceImage(item), nullptr) << "incompatible elements";
+
+    item.components().add(std::make_unique<ReferenceImageDataComponent>(same));
+    EXPECT_EQ(MachineLearningModel::maybeGetReferenceImage(item), same) << "the component wins";
+    EXPECT_EQ(MachineLearningModel::maybeGetReferenceImage(DataItem()), nullptr);
+}
+
+} // namespace
+} // namespace Velmoria::ML
