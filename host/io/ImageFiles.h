@@ -1,0 +1,68 @@
+#pragma once
+
+// ImageFiles: reading and writing image files (NIfTI .nii/.nii.gz, NRRD .nrrd/.nhdr, MetaImage
+// .mha/.mhd, PNG) through ITK's ImageIO layer. ITK stays behind this interface: no ITK type
+// appears here, and the host links ITK privately.
+//
+// We go through itk::ImageIOBase rather than the templated itk::ImageFileReader<itk::Image<..>>
+// because the pixel type and channel count are only known at run time; the IO object reads the
+// raw, interleaved buffer straight into a MemImage of the matching PixelType.
+//
+// Reading
+//   - component types int8 .. uint32, float, double map to the eight PixelTypes; 64-bit integers
+//     (and long double) are refused with an error naming the file and the type;
+//   - channels = the file's number of components (interleaved, as ours);
+//   - 1D/2D/3D files give one frame; a 4D file gives one frame per 3D volume (the fourth axis is
+//     time or a batch), all with the same geometry;
+//   - the set is named after the file (its name without folder and extension).
+//
+// Writing
+//   - a set of one frame is written as a 2D (slices == 1) or 3D file; a set of several frames
+//     with the same size, channels and geometry as one 4D file (frames along the fourth axis);
+//   - files hold original intensities: frames with shift 0 and scale 1 are written as stored,
+//     others are converted to float (original = stored / scale − shift) first, so that other
+//     programs read the values we show;
+//   - a 2D frame whose placement leaves the xy plane (rotation out of plane or a z offset) is
+//     written as a volume of one slice, so that its placement survives.
+//
+// Geometry: our image coordinates have their origin at the image centre, ITK's physical point of
+// index p is origin + direction · (p ∘ spacing). geometryFromItk / itkFromGeometry are the one
+// place where the two are converted (see there).
+//
+// Failures never throw: read gives null and write false, with an error in "Host.ImageFiles"
+// that names the file and the reason.
+
+#include <Eigen/Core>
+#include <memory>
+#include <string>
+
+namespace Velmoria {
+
+class SharedImageSet;
+
+namespace ImageFiles {
+
+// A file's grid in ITK's terms: the physical point of the first voxel, the direction cosines of
+// the axes (columns) and the spacing.
+struct FileGeometry
+{
+    Eigen::Vector3d origin = Eigen::Vector3d::Zero();
+    Eigen::Matrix3d direction = Eigen::Matrix3d::Identity();
+    Eigen::Vector3d spacing = Eigen::Vector3d::Ones();
+};
+
+// matrixToWorld = [direction, origin + direction · (((dimensions − 1) / 2) ∘ spacing)].
+Eigen::Matrix4d geometryFromItk(FileGeometry const& geometry, Eigen::Vector3i const& dimensions);
+// The inverse of geometryFromItk. The rotation part of matrixToWorld is taken as the direction
+// as it is (a reflection stays a reflection).
+FileGeometry itkFromGeometry(Eigen::Matrix4d const& matrixToWorld, Eigen::Vector3d const& spacing,
+                             Eigen::Vector3i const& dimensions);
+
+// The image in `path`; null with an error log when it cannot be read.
+std::unique_ptr<SharedImageSet> read(std::string const& path);
+// Writes `images` to `path`, the format chosen by the extension; false with an error log when
+// the set is empty, its frames cannot share one file or ITK fails.
+bool write(SharedImageSet const& images, std::string const& path);
+
+} // namespace ImageFiles
+} // namespace Velmoria
