@@ -11,6 +11,8 @@
 #include "apps/velmoria/ExitCode.h"
 #include "apps/velmoria/GlobalOptions.h"
 #include "apps/velmoria/InfoCommand.h"
+#include "apps/velmoria/PredictCommand.h"
+#include "apps/velmoria/ProcessCommand.h"
 
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
@@ -33,6 +35,8 @@ int run(int argc, char** argv)
     options.installFolder = VELMORIA_DEFAULT_PLUGIN_DIR;
     addGlobalOptions(app, options);
     InfoCommand info(app);
+    PredictCommand predict(app);
+    ProcessCommand process(app);
 
     try {
         app.parse(argc, argv);
@@ -55,6 +59,10 @@ int run(int argc, char** argv)
         return Failure;
     if (info.selected())
         return info.run(plugins, std::cout);
+    if (predict.selected())
+        return predict.run();
+    if (process.selected())
+        return process.run();
     return Usage; // not reached: CLI11 requires one command
 }
 

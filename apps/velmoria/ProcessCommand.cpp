@@ -1,0 +1,118 @@
+#include "apps/velmoria/ProcessCommand.h"
+
+#include "apps/velmoria/ExitCode.h"
+#include "apps/velmoria/FieldArguments.h"
+#include "apps/velmoria/ItemFiles.h"
+#include "ml/operations/OperationsSequence.h"
+#include "ml/operations/Phase.h"
+#include "ml/operations/ProcessingSpecs.h"
+#include "ml/operations/PropertiesYAML.h"
+
+#include "host/core/Log.h"
+#include "host/core/String.h"
+
+#include <CLI/Validators.hpp>
+
+#include <exception>
+
+namespace Velmoria::Cli {
+
+namespace {
+
+constexpr char const* kCategory = "Cli.Process";
+
+// The specs of the whole file, or of its section `section`; null (logged) on failure.
+std::optional<std::vector<ML::Operation::Specs>> loadSpecs(std::string const& path,
+                                                           std::string const& section)
+{
+    auto const tree = ML::PropertiesYAML::createFromFile(path);
+    if (!tree) {
+        VELMORIA_LOG_ERROR(kCategory, "Could not read the processing list '{}'", path);
+        return std::nullopt;
+    }
+    try {
+        if (section.empty())
+            return ML::propertyToProcessingSpecs(*tree);
+        auto const* list = tree->findSubProperties(section);
+        if (!list) {
+            std::vector<std::string> sections;
+            for (auto const* sub : tree->subProperties())
+                sections.push_back(sub->name());
+            VELMORIA_LOG_ERROR(kCategory, "The processing list '{}' has no section '{}'; it has: {}", path,
+                               section,
+                               sections.empty() ? std::string("none") : String::join(sections, ", "));
+            return std::nullopt;
+        }
+        // A section is a named tree whose sub-trees are the operations; read as a named tree it
+        // would be one operation of the section's name.
+        return ML::propertyListToProcessingSpecs(list->subProperties());
+    } catch (std::exception const& e) {
+        VELMORIA_LOG_ERROR(kCategory, "The processing list '{}' is not valid: {}", path, e.what());
+        return std::nullopt;
+    }
+}
+
+} // namespace
+
+ProcessCommand::ProcessCommand(CLI::App& app)
+{
+    m_command = app.add_subcommand("process", "Run a processing list on image files and write the result");
+    m_command->fallthrough();
+    m_command->add_option("--config", m_config, "The processing list (YAML)")->required();
+    m_command->add_option("--section", m_section, "The named list of the file to run");
+    m_command->add_option("--input", m_inputs, "[FIELD=]FILE: an input image; FIELD defaults to 'image'")
+        ->required();
+    m_command->add_option("--label", m_labels,
+                          "[FIELD=]FILE: a label map, read as target; FIELD defaults to 'label'");
+    m_command->add_option("--output", m_outputs, "[FIELD=]FILE: a field to write; FIELD defaults to 'image'")
+        ->required();
+    m_command->add_option("--phase", m_phase, "The phase the operations run for (default: inference)")
+        ->check(CLI::IsMember({"training", "validation", "inference", "always"}, CLI::ignore_case));
+    m_command->add_option("--seed", m_seed, "Seed of every operation's random numbers");
+}
+
+bool ProcessCommand::selected() const
+{
+    return m_command->parsed();
+}
+
+int ProcessCommand::run() const
+{
+    auto const inputs = resolveFieldArguments(m_inputs, "--input", {"image"});
+    auto const labels = resolveFieldArguments(m_labels, "--label", {"label"});
+    auto const outputs = resolveFieldArguments(m_outputs, "--output", {"image"});
+    if (!inputs || !labels || !outputs)
+        return Failure;
+    for (auto const& label : *labels) {
+        for (auto const& input : *inputs) {
+            if (input.field == label.field) {
+                VELMORIA_LOG_ERROR(kCategory, "Field '{}' is given by --input ('{}') and by --label ('{}')",
+                                   label.field, input.file, label.file);
+                return Failure;
+            }
+        }
+    }
+
+    auto const specs = loadSpecs(m_config, m_section);
+    if (!specs)
+        return Failure;
+    ML::OperationsSequence sequence(*specs);
+    if (sequence.error()) {
+        VELMORIA_LOG_ERROR(kCategory, "Could not build the processing list '{}': {}", m_config,
+                           sequence.error()->message);
+        return Failure;
+    }
+    if (m_seed)
+        sequence.setOperationSeeds(*m_seed);
+
+    ML::DataItem item;
+    if (!readFields(*inputs, FieldRole::Input, item) || !readFields(*labels, FieldRole::Target, item))
+        return Failure;
+    if (auto const error = sequence.process(item, ML::stringToPhase(m_phase))) {
+        VELMORIA_LOG_ERROR(kCategory, "Processing with '{}' failed: {}", m_config, error->message);
+        return Failure;
+    }
+    return writeFields(*outputs, item) ? Success : Failure;
+}
+
+} // namespace Velmoria::Cli

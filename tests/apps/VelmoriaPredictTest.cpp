@@ -1,0 +1,365 @@
+// Runs `velmoria predict` and `velmoria process` as a user would: image files written with
+// ImageFiles go in, the files the program writes are read back and compared voxel by voxel.
+
+#include "tests/ml/TestHelpers.h"
+
+#include "host/core/Filesystem.h"
+#include "host/core/String.h"
+#include "host/image/SharedImageSet.h"
+#include "host/image/TypedImage.h"
+#include "host/io/ImageFiles.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <ostream>
+
+using namespace Velmoria;
+
+namespace {
+
+struct CommandRun
+{
+    int exitCode = -1;
+    std::string err;
+};
+
+Eigen::Vector3i const kSize(4, 3, 2);
+int const kCount = 24;
+
+// The input intensities: -5 .. 18, so that doubling and clipping both have work to do.
+std::vector<double> inputValues()
+{
+    std::vector<double> values;
+    for (int i = 0; i < kCount; ++i)
+        values.push_back(i - 5.0);
+    return values;
+}
+
+// Labels 0, 1, 2 repeating.
+std::vector<double> labelValues()
+{
+    std::vector<double> values;
+    for (int i = 0; i < kCount; ++i)
+        values.push_back(i % 3);
+    return values;
+}
+
+// The values of the only frame of `path` as doubles; empty when it cannot be read or is neither
+// float nor unsigned 8-bit (the only types these tests write).
+std::vector<double> readValues(std::string const& path)
+{
+    auto const images = ImageFiles::read(path);
+    if (!images || images->size() != 1)
+        return {};
+    std::vector<double> values;
+    auto const* mem = images->get(0)->mem();
+    if (auto const* floats = dynamic_cast<TypedImage<float> const*>(mem)) {
+        for (int i = 0; i < kCount; ++i)
+            values.push_back(floats->value(static_cast<std::size_t>(i)));
+    } else if (auto const* bytes = dynamic_cast<TypedImage<std::uint8_t> const*>(mem)) {
+        for (int i = 0; i < kCount; ++i)
+            values.push_back(bytes->value(static_cast<std::size_t>(i)));
+    }
+    return values;
+}
+
+class VelmoriaCommandTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_folder.isValid());
+        ASSERT_TRUE(ImageFiles::write(SharedImageSet(MLTest::placedFrame<float>(kSize, 1, inputValues())),
+                                      path("input.nii")));
+        ASSERT_TRUE(ImageFiles::write(
+            SharedImageSet(MLTest::placedFrame<std::uint8_t>(kSize, 1, labelValues())), path("labels.nii")));
+    }
+
+    std::string path(std::string const& name) const { return (m_folder.path() / name).str(); }
+
+    void writeText(std::string const& name, std::string const& text) const
+    {
+        ASSERT_TRUE(Filesystem::File(path(name)).writeText(text));
+    }
+
+    // "{dir}" in an argument stands for the test's folder. VELMORIA_PLUGIN_PATH is unset so that
+    // the plug-ins come from the build's library folder only.
+    CommandRun velmoria(std::vector<std::string> const& arguments) const
+    {
+        std::string command = "env -u VELMORIA_PLUGIN_PATH '" VELMORIA_CLI "'";
+        for (auto const& argument : arguments)
+            command += " '" + String::replaceAllCopy(argument, "{dir}", m_folder.path().str()) + "'";
+        command += " >/dev/null 2>'" + path("err.txt") + "'";
+        CommandRun run;
+        int const status = std::system(command.c_str());
+        run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        run.err = Filesystem::File(path("err.txt")).readText().value_or("<no error file>");
+        return run;
+    }
+
+    // The geometry of the written output equals the input's, as both files hold it.
+    void expectSameGeometry(std::string const& output) const
+    {
+        auto const in = ImageFiles::read(path("input.nii"));
+        auto const out = ImageFiles::read(output);
+        ASSERT_TRUE(in && out);
+        EXPECT_TRUE(out->get(0)->matrixToWorld().isApprox(in->get(0)->matrixToWorld(), 1e-6))
+            << out->get(0)->matrixToWorld();
+        EXPECT_TRUE(out->get(0)->spacing().isApprox(in->get(0)->spacing(), 1e-6));
+        EXPECT_EQ(out->get(0)->descriptor().dimensions(), in->get(0)->descriptor().dimensions());
+    }
+
+    Filesystem::TemporaryDirectory m_folder{"velmoria-commands"};
+};
+
+// ---- process ------------------------------------------------------------------------------
+
+struct ProcessCase
+{
+    std::string name;
+    std::string list;
+    std::vector<std::string> arguments;
+    std::function<double(double)> expected;
+    // With --label: the expected label values; the image is checked as above.
+    bool withLabel = false;
+
+    friend void PrintTo(ProcessCase const& c, std::ostream* os) { *os << c.name; }
+};
+
+class VelmoriaProcessTest : public VelmoriaCommandTest, public testing::WithParamInterface<ProcessCase>
+{};
+
+TEST_P(VelmoriaProcessTest, WritesTheProcessedImage)
+{
+    auto const& c = GetParam();
+    writeText("list.yaml", c.list);
+    std::vector<std::string> arguments = {"process",         "--config", "{dir}/list.yaml", "--input",
+                                          "{dir}/input.nii", "--output", "{dir}/out.nii"};
+    arguments.insert(arguments.end(), c.arguments.begin(), c.arguments.end());
+    if (c.withLabel)
+        arguments.insert(arguments.end(),
+                         {"--label", "{dir}/labels.nii", "--output", "label={dir}/label-out.nii"});
+
+    auto const run = velmoria(arguments);
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+
+    auto const values = readValues(path("out.nii"));
+    ASSERT_EQ(values.size(), static_cast<std::size_t>(kCount));
+    auto const input = inputValues();
+    for (int i = 0; i < kCount; ++i)
+        EXPECT_DOUBLE_EQ(values[i], c.expected(input[i])) << "voxel " << i << " input " << input[i];
+    expectSameGeometry(path("out.nii"));
+    if (c.withLabel) {
+        // The label went in as a target: the intensity mapping left it alone.
+        EXPECT_EQ(readValues(path("label-out.nii")), labelValues());
+    }
+}
+
+std::string const kTwoSteps = "- LinearIntensityMapping: {factor: 2}\n- Clip: {min: 0, max: 10}\n";
+std::string const kSections =
+    "first:\n  - LinearIntensityMapping: {factor: 3}\n"
+    "second:\n  - LinearIntensityMapping: {factor: 2}\n  - Clip: {min: 0, max: 10}\n";
+std::string const kTrainingOnly = "- LinearIntensityMapping: {factor: 2}\n"
+                                  "- LinearIntensityMapping: {factor: 5, phase: training}\n";
+
+double doubledAndClipped(double x)
+{
+    return std::min(std::max(2 * x, 0.0), 10.0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lists, VelmoriaProcessTest,
+    testing::Values(
+        ProcessCase{"TwoSteps", kTwoSteps, {}, doubledAndClipped},
+        ProcessCase{"NamedFields", kTwoSteps, {"--phase", "always", "--seed", "7"}, doubledAndClipped},
+        ProcessCase{"Section", kSections, {"--section", "second"}, doubledAndClipped},
+        ProcessCase{"OtherSection", kSections, {"--section", "first"}, [](double x) { return 3 * x; }},
+        ProcessCase{"InferenceSkipsTraining", kTrainingOnly, {}, [](double x) { return 2 * x; }},
+        ProcessCase{"TrainingPhase", kTrainingOnly, {"--phase", "Training"}, [](double x) { return 10 * x; }},
+        ProcessCase{"LabelIsATarget", kTwoSteps, {}, doubledAndClipped, true}),
+    [](auto const& info) { return info.param.name; });
+
+// ---- failures -----------------------------------------------------------------------------
+
+struct CommandCase
+{
+    std::string name;
+    std::vector<std::string> arguments;
+    int exitCode;
+    std::vector<std::string> errContains = {};
+    bool needsTorch = false;
+
+    friend void PrintTo(CommandCase const& c, std::ostream* os) { *os << c.name; }
+};
+
+class VelmoriaCommandFailureTest : public VelmoriaCommandTest, public testing::WithParamInterface<CommandCase>
+{
+protected:
+    void SetUp() override
+    {
+        VelmoriaCommandTest::SetUp();
+        writeText("list.yaml", kSections);
+        writeText("unknown.yaml", "- NoSuchOperation: {}\n");
+        writeText("model.yaml",
+                  "Version: 8\nName: doubler\nType: NeuralNetwork\nPredictionOutput: [Image]\n"
+                  "Engine:\n  Name: torch\n  ModelFile: " VELMORIA_TORCH_MODELS_DIR "/double.pt\n"
+                  "  ForceCPU: true\n  InputFields: [Input]\n  OutputFields: [Prediction]\n");
+    }
+};
+
+TEST_P(VelmoriaCommandFailureTest, ExitCodeAndMessage)
+{
+    auto const& c = GetParam();
+#ifndef VELMORIA_TEST_HAS_TORCH
+    if (c.needsTorch)
+        GTEST_SKIP() << "The torch engine plug-in is not built (LibTorch was not found)";
+#endif
+    auto const run = velmoria(c.arguments);
+    EXPECT_EQ(run.exitCode, c.exitCode) << run.err;
+    for (auto const& fragment : c.errContains) {
+        auto const expected = String::replaceAllCopy(fragment, "{dir}", m_folder.path().str());
+        EXPECT_TRUE(String::contains(run.err, expected)) << expected << "\nstderr:\n" << run.err;
+    }
+    EXPECT_FALSE(Filesystem::File(path("out.nii")).exists()) << "a failed run wrote its output";
+}
+
+std::vector<std::string> processArguments(std::vector<std::string> extra)
+{
+    std::vector<std::string> arguments = {"process", "--config", "{dir}/list.yaml", "--section", "second"};
+    arguments.insert(arguments.end(), extra.begin(), extra.end());
+    return arguments;
+}
+
+std::vector<std::string> predictArguments(std::vector<std::string> extra)
+{
+    std::vector<std::string> arguments = {"predict", "--model", "{dir}/model.yaml"};
+    arguments.insert(arguments.end(), extra.begin(), extra.end());
+    return arguments;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CommandLines, VelmoriaCommandFailureTest,
+    testing::Values(
+        // Usage errors.
+        CommandCase{
+            "PredictWithoutModel", {"predict", "--input", "a.nii", "--output", "b.nii"}, 2, {"--model"}},
+        CommandCase{
+            "PredictWithoutOutput", {"predict", "--model", "m.yaml", "--input", "a.nii"}, 2, {"--output"}},
+        CommandCase{
+            "ProcessWithoutConfig", {"process", "--input", "a.nii", "--output", "b.nii"}, 2, {"--config"}},
+        CommandCase{"UnknownPhase",
+                    processArguments({"--input", "a.nii", "--output", "b.nii", "--phase", "sometimes"}),
+                    2,
+                    {"sometimes"}},
+        CommandCase{"SeedNotANumber",
+                    processArguments({"--input", "a.nii", "--output", "b.nii", "--seed", "x1"}),
+                    2,
+                    {"x1"}},
+        // Process failures name the file, field or section.
+        CommandCase{"MissingList",
+                    {"process", "--config", "{dir}/none.yaml", "--input", "{dir}/input.nii", "--output",
+                     "{dir}/out.nii"},
+                    1,
+                    {"{dir}/none.yaml"}},
+        CommandCase{"MissingSection",
+                    {"process", "--config", "{dir}/list.yaml", "--section", "third", "--input",
+                     "{dir}/input.nii", "--output", "{dir}/out.nii"},
+                    1,
+                    {"has no section 'third'; it has: first, second"}},
+        CommandCase{"UnknownOperation",
+                    {"process", "--config", "{dir}/unknown.yaml", "--input", "{dir}/input.nii", "--output",
+                     "{dir}/out.nii"},
+                    1,
+                    {"NoSuchOperation"}},
+        CommandCase{"MissingInputFile",
+                    processArguments({"--input", "{dir}/absent.nii", "--output", "{dir}/out.nii"}),
+                    1,
+                    {"Could not read file '{dir}/absent.nii' for field 'image'"}},
+        CommandCase{"UnknownOutputField",
+                    processArguments({"--input", "{dir}/input.nii", "--output", "mask={dir}/out.nii"}),
+                    1,
+                    {"No field 'mask' to write to '{dir}/out.nii'; the result has: image"}},
+        CommandCase{"FieldTwice",
+                    processArguments({"--input", "image={dir}/input.nii", "--input", "image={dir}/labels.nii",
+                                      "--output", "{dir}/out.nii"}),
+                    1,
+                    {"Field 'image' is given more than once in --input (file '{dir}/labels.nii')"}},
+        CommandCase{"SecondFileWithoutField",
+                    processArguments({"--input", "{dir}/input.nii", "--input", "{dir}/labels.nii", "--output",
+                                      "{dir}/out.nii"}),
+                    1,
+                    {"File '{dir}/labels.nii' of --input has no field"}},
+        CommandCase{"InputAndLabelShareAField",
+                    processArguments({"--input", "x={dir}/input.nii", "--label", "x={dir}/labels.nii",
+                                      "--output", "x={dir}/out.nii"}),
+                    1,
+                    {"Field 'x' is given by --input"}},
+        CommandCase{"NoFileAfterField",
+                    processArguments({"--input", "image=", "--output", "{dir}/out.nii"}),
+                    1,
+                    {"Argument 'image=' of --input names no file"}},
+        // Predict failures.
+        CommandCase{"MissingModel",
+                    {"predict", "--model", "{dir}/absent.yaml", "--input", "{dir}/input.nii", "--output",
+                     "{dir}/out.nii"},
+                    1,
+                    {"{dir}/absent.yaml"}},
+        CommandCase{"UnknownInputField",
+                    predictArguments({"--input", "Bogus={dir}/input.nii", "--output", "{dir}/out.nii"}),
+                    1,
+                    {"Input field 'Bogus' (file '{dir}/input.nii') is not an input of the model"},
+                    true},
+        CommandCase{"UnknownPredictionField",
+                    predictArguments({"--input", "{dir}/input.nii", "--output", "Bogus={dir}/out.nii"}),
+                    1,
+                    {"No field 'Bogus' to write to '{dir}/out.nii'"},
+                    true},
+        CommandCase{"MissingPredictInput",
+                    predictArguments({"--input", "{dir}/absent.nii", "--output", "{dir}/out.nii"}),
+                    1,
+                    {"Could not read file '{dir}/absent.nii' for field 'Input'"},
+                    true},
+        CommandCase{"TooManyInputs",
+                    predictArguments({"--input", "{dir}/input.nii", "--input", "{dir}/labels.nii", "--output",
+                                      "{dir}/out.nii"}),
+                    1,
+                    {"File '{dir}/labels.nii' of --input has no field"},
+                    true}),
+    [](auto const& info) { return info.param.name; });
+
+// ---- predict ------------------------------------------------------------------------------
+
+class VelmoriaPredictTest : public VelmoriaCommandFailureTest
+{};
+
+TEST_P(VelmoriaPredictTest, DoublesTheImageAndKeepsItsGeometry)
+{
+#ifndef VELMORIA_TEST_HAS_TORCH
+    GTEST_SKIP() << "The torch engine plug-in is not built (LibTorch was not found)";
+#endif
+    auto const run = velmoria(GetParam().arguments);
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    auto const values = readValues(path("out.nii"));
+    ASSERT_EQ(values.size(), static_cast<std::size_t>(kCount));
+    auto const input = inputValues();
+    for (int i = 0; i < kCount; ++i)
+        EXPECT_FLOAT_EQ(values[i], 2 * input[i]) << "voxel " << i;
+    expectSameGeometry(path("out.nii"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    FieldForms, VelmoriaPredictTest,
+    testing::Values(
+        CommandCase{"DefaultFields",
+                    predictArguments({"--input", "{dir}/input.nii", "--output", "{dir}/out.nii"}), 0},
+        CommandCase{"NamedFields",
+                    predictArguments({"--input", "Input={dir}/input.nii", "--output",
+                                      "Prediction={dir}/out.nii", "--force-cpu", "--no-progress"}),
+                    0}),
+    [](auto const& info) { return info.param.name; });
+
+} // namespace
