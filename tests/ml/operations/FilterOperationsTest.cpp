@@ -6,6 +6,7 @@
 
 #include "ml/TestHelpers.h"
 #include "ml/operations/OperationException.h"
+#include "ml/operations/PixelOperationTestHelpers.h"
 #include "ml/plugin/Registrations.h"
 
 #include "host/core/Log.h"
@@ -22,52 +23,13 @@
 
 using namespace Velmoria;
 using namespace Velmoria::ML;
+using namespace Velmoria::ML::PixelOperationTests;
 
 namespace {
 
-using AllPixelTypes =
-    ::testing::Types<char, unsigned char, short, unsigned short, int, unsigned int, float, double>;
-
-constexpr double kShift = 3.0;
-constexpr double kScale = 2.0;
 // MLTest::placedFrame's spacing.
 Eigen::Vector3d const kSpacing(0.7, 1.1, 2.5);
 constexpr char const* kNotFloat = "Input was not float - adding an implicit MakeFloatOperation.";
-
-template <class T>
-std::vector<double> randomStored(std::size_t count, unsigned seed)
-{
-    std::mt19937 engine(seed);
-    std::uniform_int_distribution<int> dist(std::is_signed_v<T> ? -60 : 0, 120);
-    std::vector<double> values(count);
-    for (double& v : values)
-        v = dist(engine);
-    return values;
-}
-
-double storedAt(SharedImage const& frame, std::size_t i)
-{
-    double v = 0.0;
-    visitPixelType(frame.pixelType(), [&](auto tag) {
-        v = static_cast<double>(static_cast<TypedImage<decltype(tag)> const&>(*frame.mem()).value(i));
-    });
-    return v;
-}
-
-double originalAt(SharedImage const& frame, std::size_t i)
-{
-    return frame.descriptor().storageToOriginal(storedAt(frame, i));
-}
-
-std::string errorOf(Operation& operation, std::shared_ptr<SharedImageSet> const& set)
-{
-    try {
-        operation.process(set);
-    } catch (OperationException const& e) {
-        return e.what();
-    }
-    return "no error";
-}
 
 // Normalised Gaussian weights of radius ceil(3 sigma); {1} for sigma 0 or a one-voxel axis.
 std::vector<double> weights(double sigma, int extent)

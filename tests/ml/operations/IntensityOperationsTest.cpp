@@ -8,6 +8,7 @@
 #include "ml/data/ImageElement.h"
 #include "ml/data/VectorElement.h"
 #include "ml/operations/OperationException.h"
+#include "ml/operations/PixelOperationTestHelpers.h"
 #include "ml/plugin/Registrations.h"
 
 #include "host/core/Log.h"
@@ -26,14 +27,9 @@
 
 using namespace Velmoria;
 using namespace Velmoria::ML;
+using namespace Velmoria::ML::PixelOperationTests;
 
 namespace {
-
-using AllPixelTypes =
-    ::testing::Types<char, unsigned char, short, unsigned short, int, unsigned int, float, double>;
-
-constexpr double kShift = 3.0;
-constexpr double kScale = 2.0;
 
 template <class T>
 std::shared_ptr<SharedImage> frameOf(Eigen::Vector3i const& size, int channels,
@@ -41,27 +37,6 @@ std::shared_ptr<SharedImage> frameOf(Eigen::Vector3i const& size, int channels,
                                      double scale = 1.0)
 {
     return MLTest::placedFrame<T>(size, channels, stored, shift, scale);
-}
-
-// Random stored values that every pixel type holds.
-template <class T>
-std::vector<double> randomStored(std::size_t count, unsigned seed)
-{
-    std::mt19937 engine(seed);
-    std::uniform_int_distribution<int> dist(std::is_signed_v<T> ? -60 : 0, 120);
-    std::vector<double> values(count);
-    for (double& v : values)
-        v = dist(engine);
-    return values;
-}
-
-double storedAt(SharedImage const& frame, std::size_t i)
-{
-    double v = 0.0;
-    visitPixelType(frame.pixelType(), [&](auto tag) {
-        v = static_cast<double>(static_cast<TypedImage<decltype(tag)> const&>(*frame.mem()).value(i));
-    });
-    return v;
 }
 
 // What a target of type T stores for the original value r: (r + shift) * scale, saturated and
@@ -75,16 +50,6 @@ double expectedStored(double r, double shift, double scale)
     else
         return static_cast<double>(static_cast<T>(
             std::clamp(v, double(std::numeric_limits<T>::lowest()), double(std::numeric_limits<T>::max()))));
-}
-
-std::string errorOf(Operation& operation, std::shared_ptr<SharedImageSet> const& set)
-{
-    try {
-        operation.process(set);
-    } catch (OperationException const& e) {
-        return e.what();
-    }
-    return "no error";
 }
 
 // An operation and its formula on one original value of channel c.

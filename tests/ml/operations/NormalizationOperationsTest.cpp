@@ -7,6 +7,7 @@
 #include "ml/TestHelpers.h"
 #include "ml/operations/OperationException.h"
 #include "ml/operations/ParamException.h"
+#include "ml/operations/PixelOperationTestHelpers.h"
 #include "ml/plugin/Registrations.h"
 
 #include "host/core/Log.h"
@@ -26,58 +27,18 @@
 
 using namespace Velmoria;
 using namespace Velmoria::ML;
+using namespace Velmoria::ML::PixelOperationTests;
 
 namespace {
 
-using AllPixelTypes =
-    ::testing::Types<char, unsigned char, short, unsigned short, int, unsigned int, float, double>;
-
-constexpr double kShift = 3.0;
-constexpr double kScale = 2.0;
 Eigen::Vector3i const kSize(4, 3, 2);
 constexpr int kChannels = 2;
-
-// Random stored values that every pixel type holds.
-template <class T>
-std::vector<double> randomStored(std::size_t count, unsigned seed)
-{
-    std::mt19937 engine(seed);
-    std::uniform_int_distribution<int> dist(std::is_signed_v<T> ? -60 : 0, 120);
-    std::vector<double> values(count);
-    for (double& v : values)
-        v = dist(engine);
-    return values;
-}
-
-double storedAt(SharedImage const& frame, std::size_t i)
-{
-    double v = 0.0;
-    visitPixelType(frame.pixelType(), [&](auto tag) {
-        v = static_cast<double>(static_cast<TypedImage<decltype(tag)> const&>(*frame.mem()).value(i));
-    });
-    return v;
-}
-
-double originalAt(SharedImage const& frame, std::size_t i)
-{
-    return frame.descriptor().storageToOriginal(storedAt(frame, i));
-}
 
 std::shared_ptr<SharedImageSet> floatSet(std::vector<double> const& values, int channels = 1)
 {
     auto const pixels = static_cast<int>(values.size()) / channels;
     return std::make_shared<SharedImageSet>(
         MLTest::placedFrame<float>(Eigen::Vector3i(pixels, 1, 1), channels, values));
-}
-
-std::string errorOf(Operation& operation, std::shared_ptr<SharedImageSet> const& set)
-{
-    try {
-        operation.process(set);
-    } catch (OperationException const& e) {
-        return e.what();
-    }
-    return "no error";
 }
 
 double median(std::vector<double> values)
