@@ -8,6 +8,7 @@
 #include "host/core/Log.h"
 #include "host/core/Progress.h"
 #include "host/core/String.h"
+#include "host/core/Timer.h"
 
 #include <unistd.h>
 
@@ -31,6 +32,27 @@ std::vector<std::string> outputFields(ML::ModelConfiguration const& config)
     return fields;
 }
 
+// Standard error, not the log: the table is asked for and must show whatever the log level.
+void printTimings(double readingMs, ML::PredictionTimings const& model, double writingMs)
+{
+    auto const row = [](char const* stage, double ms) {
+        std::fprintf(stderr, "  %-16s %10.1f ms\n", stage, ms);
+    };
+    std::fprintf(stderr, "Timings:\n");
+    row("reading", readingMs);
+    row("pre-processing", model.preprocessingMs);
+    row("splitting", model.splittingMs);
+    row("engine", model.engineMs);
+    row("recombination", model.recombinationMs);
+    row("post-processing", model.postprocessingMs);
+    row("other", model.totalMs - model.preprocessingMs - model.splittingMs - model.engineMs -
+                     model.recombinationMs - model.postprocessingMs);
+    row("writing", writingMs);
+    double const outside = readingMs + model.outsideEngineMs() + writingMs;
+    std::fprintf(stderr, "  engine runs: %zu; outside the engine: %.1f ms = %.1f%% of the engine time\n",
+                 model.engineRuns, outside, model.engineMs > 0 ? 100.0 * outside / model.engineMs : 0.0);
+}
+
 } // namespace
 
 PredictCommand::PredictCommand(CLI::App& app)
@@ -49,6 +71,8 @@ PredictCommand::PredictCommand(CLI::App& app)
         ->required();
     m_command->add_flag("--force-cpu", m_forceCpu, "Run the engine on the CPU even when a GPU is available");
     m_command->add_flag("--no-progress", m_noProgress, "Draw no progress bar");
+    m_command->add_flag("--timings", m_timings,
+                        "Print where the time went: reading, each stage of the model, the engine, writing");
 }
 
 bool PredictCommand::selected() const
@@ -88,9 +112,11 @@ int PredictCommand::run() const
     if (!outputs)
         return Failure;
 
+    Timer reading;
     ML::DataItem item;
     if (!readFields(*inputs, FieldRole::Input, item))
         return Failure;
+    double const readingMs = reading.getPassedMs();
 
     std::unique_ptr<Progress> progress;
     if (!m_noProgress && isatty(fileno(stderr)))
@@ -102,7 +128,12 @@ int PredictCommand::run() const
         VELMORIA_LOG_ERROR(kCategory, "The model '{}' gave no prediction", m_model);
         return Failure;
     }
-    return writeFields(*outputs, prediction) ? Success : Failure;
+    Timer writing;
+    if (!writeFields(*outputs, prediction))
+        return Failure;
+    if (m_timings)
+        printTimings(readingMs, model->lastTimings(), writing.getPassedMs());
+    return Success;
 }
 
 } // namespace Velmoria::Cli

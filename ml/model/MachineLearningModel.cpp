@@ -32,6 +32,22 @@ namespace Velmoria::ML {
 
 namespace {
 
+// Adds the time from its construction to its destruction to a PredictionTimings field.
+class StageClock
+{
+public:
+    explicit StageClock(double& into)
+        : m_into(into)
+    {}
+    ~StageClock() { m_into += m_timer.getPassedMs(); }
+    StageClock(StageClock const&) = delete;
+    StageClock& operator=(StageClock const&) = delete;
+
+private:
+    double& m_into;
+    Timer m_timer;
+};
+
 constexpr char const* kCategory = "ML.MachineLearningModel";
 constexpr char const* kSplitName = "SplitIntoPatches";
 constexpr char const* kRecombineName = "RecombinePatches";
@@ -301,6 +317,8 @@ DataItem MachineLearningModel::runEngine(DataItem const& input)
         VELMORIA_LOG_ERROR(kCategory, "Model cannot be run due to engine not being initialized");
         return DataItem();
     }
+    StageClock clock(m_timings.engineMs);
+    ++m_timings.engineRuns;
     try {
         return m_engine->predict(input);
     } catch (std::exception const& e) {
@@ -341,11 +359,17 @@ DataItem MachineLearningModel::predict(DataItem const& input)
         VELMORIA_LOG_ERROR(kCategory, "Empty input.");
         return DataItem();
     }
+    m_timings = PredictionTimings();
+    Timer total;
     Progress::Task task(m_progress, kPredictSteps, "Pre-processing input...");
     task.incrementStep();
 
     m_referenceInput = maybeGetReferenceImage(input);
-    DataItem preprocessed = applyPreProcessing(input);
+    DataItem preprocessed;
+    {
+        StageClock clock(m_timings.preprocessingMs);
+        preprocessed = applyPreProcessing(input);
+    }
     if (preprocessed.empty()) {
         VELMORIA_LOG_ERROR(kCategory, "Empty preprocessed input.");
         return DataItem();
@@ -392,9 +416,12 @@ DataItem MachineLearningModel::predict(DataItem const& input)
 
     task.incrementStep();
     task.setDescription("Post-processing prediction...");
-    if (auto error = m_postprocessing->process(output, Phase::Always)) {
-        VELMORIA_LOG_ERROR(kCategory, "Error during post-processing of the output: {}", error->message);
-        return DataItem();
+    {
+        StageClock clock(m_timings.postprocessingMs);
+        if (auto error = m_postprocessing->process(output, Phase::Always)) {
+            VELMORIA_LOG_ERROR(kCategory, "Error during post-processing of the output: {}", error->message);
+            return DataItem();
+        }
     }
     if (!m_config->mustCloneInputContainer())
         replaceDerivedContainers(output);
@@ -404,7 +431,22 @@ DataItem MachineLearningModel::predict(DataItem const& input)
         VELMORIA_LOG_ERROR(kCategory, "Prediction was cancelled.");
         return DataItem();
     }
+    m_timings.totalMs = total.getPassedMs();
+    if (m_config->verbose())
+        logTimings();
     return output;
+}
+
+void MachineLearningModel::logTimings() const
+{
+    PredictionTimings const& t = m_timings;
+    VELMORIA_LOG_INFO(kCategory,
+                      "Time spent in the engine: {} ({} runs); outside the engine: {} (pre-processing {}, "
+                      "splitting {}, recombination {}, post-processing {}); total {}",
+                      Timer::formatDuration(t.engineMs), t.engineRuns,
+                      Timer::formatDuration(t.outsideEngineMs()), Timer::formatDuration(t.preprocessingMs),
+                      Timer::formatDuration(t.splittingMs), Timer::formatDuration(t.recombinationMs),
+                      Timer::formatDuration(t.postprocessingMs), Timer::formatDuration(t.totalMs));
 }
 
 std::unique_ptr<SharedImageSet> MachineLearningModel::predict(SharedImageSet const& input)
@@ -516,6 +558,7 @@ std::optional<DataItem> MachineLearningModel::predictPatches(DataItem const& fra
     predictions.reserve(rois.size());
     try {
         for (std::size_t k = 0; k < rois.size(); ++k) {
+            Timer splitting;
             DataItem patch = m_splitOperation->sampleFromROI(frameItem, rois[k]);
             sub.incrementStep();
             if (sub.wasCanceled())
@@ -524,9 +567,11 @@ std::optional<DataItem> MachineLearningModel::predictPatches(DataItem const& fra
             // reaches the engine empty, and the empty prediction aborts below.
             if (m_postSplitSequence)
                 m_postSplitSequence->process(patch, Phase::Always);
+            m_timings.splittingMs += splitting.getPassedMs();
             DataItem prediction = runEngine(patch);
             if (prediction.empty())
                 return std::nullopt;
+            StageClock clock(m_timings.recombinationMs);
             if ((rois[k].extent.array() > imageDims.array()).any()) {
                 // The patch was padded to reach the patch size: cut the prediction back to the
                 // part that lies in the image.
@@ -547,6 +592,7 @@ std::optional<DataItem> MachineLearningModel::predictPatches(DataItem const& fra
                 predictions.push_back(std::move(prediction));
             }
         }
+        StageClock clock(m_timings.recombinationMs);
         if (recombine)
             return m_recombineOperation->finalizeRecombinationOutput();
         return DataItem::stack(std::move(predictions));

@@ -51,6 +51,7 @@
 #include "ml/model/Engine.h"
 #include "ml/model/ModelConfiguration.h"
 #include "ml/model/ModelEnums.h"
+#include "ml/model/PredictionTimings.h"
 #include "ml/operations/Operation.h"
 #include "ml/operations/OperationsSequence.h"
 
@@ -134,6 +135,8 @@ public:
     static std::unique_ptr<SharedImageSet> customContainerClone(SharedImageSet const& set);
 
     void setProgress(Progress* progress) { m_progress = progress; }
+    // Where the time of the last predict() went (zeros before the first one).
+    PredictionTimings const& lastTimings() const { return m_timings; }
 
     ModelConfiguration* config() { return m_config.get(); }
     ModelConfiguration const* config() const { return m_config.get(); }
@@ -155,10 +158,13 @@ private:
     bool chooseBatchMode(DataItem const& preprocessed) const;
     // One frame cut into patches: engine per patch, crop, recombination. Empty on failure.
     std::optional<DataItem> predictPatches(DataItem const& frameItem, std::size_t frame);
+    // The "Verbose" summary of m_timings.
+    void logTimings() const;
     // Step 14 of predict: derived image-set classes replaced by plain sets sharing the frames.
     static void replaceDerivedContainers(DataItem& output);
 
     std::unique_ptr<ModelConfiguration> m_config;
+    PredictionTimings m_timings;
     std::unique_ptr<OperationsSequence> m_preprocessing;
     std::unique_ptr<OperationsSequence> m_postprocessing;
     std::unique_ptr<Engine> m_engine;

@@ -349,6 +349,8 @@ TEST_P(VelmoriaPredictTest, DoublesTheImageAndKeepsItsGeometry)
     for (int i = 0; i < kCount; ++i)
         EXPECT_FLOAT_EQ(values[i], 2 * input[i]) << "voxel " << i;
     expectSameGeometry(path("out.nii"));
+    for (auto const& fragment : GetParam().errContains)
+        EXPECT_TRUE(String::contains(run.err, fragment)) << fragment << "\nstderr:\n" << run.err;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -359,7 +361,13 @@ INSTANTIATE_TEST_SUITE_P(
         CommandCase{"NamedFields",
                     predictArguments({"--input", "Input={dir}/input.nii", "--output",
                                       "Prediction={dir}/out.nii", "--force-cpu", "--no-progress"}),
-                    0}),
+                    0},
+        // One engine run (the model does not split); the table names every stage.
+        CommandCase{
+            "WithTimings",
+            predictArguments({"--input", "{dir}/input.nii", "--output", "{dir}/out.nii", "--timings"}),
+            0,
+            {"Timings:", "  reading ", "  engine ", "  writing ", "engine runs: 1; outside the engine: "}}),
     [](auto const& info) { return info.param.name; });
 
 } // namespace

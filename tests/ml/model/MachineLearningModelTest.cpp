@@ -311,6 +311,29 @@ TEST_P(PatchTest, PatchesArePredictedCroppedAndRecombined)
     if (c.expectedOutputSize == c.imageSize)
         for (int f = 0; f < 2; ++f)
             expectDoubled(*input->get(f), *prediction->sis()->get(f));
+
+    // The timings count every engine run, and the stages never add up to more than the whole.
+    PredictionTimings const& timings = model->lastTimings();
+    EXPECT_EQ(timings.engineRuns, g_calls.size());
+    double const stages = timings.preprocessingMs + timings.splittingMs + timings.engineMs +
+                          timings.recombinationMs + timings.postprocessingMs;
+    EXPECT_GT(timings.totalMs, 0.0);
+    EXPECT_LE(stages, timings.totalMs);
+    EXPECT_DOUBLE_EQ(timings.outsideEngineMs(), timings.totalMs - timings.engineMs);
+}
+
+TEST_F(MachineLearningModelTest, VerboseModelLogsWhereTheTimeWent)
+{
+    auto model =
+        load(modelText("mlm_doubler", "Verbose: true\nMaxBatchSize: 1\n"
+                                      "PreProcessing:\n"
+                                      "  - SplitIntoPatches: {patch_size: [4, 4, 2], patch_step_size: 1}\n"
+                                      "PostProcessing:\n  - RecombinePatches: {}\n"));
+    ASSERT_NE(model, nullptr);
+    ASSERT_FALSE(model->predict(inputOf(MLTest::makeSet(1, layoutOf({8, 8, 2})))).empty());
+    EXPECT_EQ(model->lastTimings().engineRuns, 4U);
+    EXPECT_TRUE(m_capture.containsFragment("Time spent in the engine: "));
+    EXPECT_TRUE(m_capture.containsFragment("(4 runs); outside the engine: "));
 }
 
 INSTANTIATE_TEST_SUITE_P(
