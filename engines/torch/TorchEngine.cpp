@@ -160,6 +160,8 @@ struct TorchEngine::Impl
 {
     std::optional<torch::jit::Module> module;
     torch::Device device = torch::kCPU;
+    // The network's and its inputs' floating-point type: float16 only on a CUDA device.
+    torch::ScalarType precision = torch::kFloat32;
 };
 
 TorchEngine::TorchEngine()
@@ -191,11 +193,23 @@ void TorchEngine::applyThreadCount() const
     torch::set_num_threads(threads);
 }
 
+void TorchEngine::chooseDevice()
+{
+    // config, not the own parameter: the hook runs before the own parameter follows.
+    bool const useCuda = !config.p_forceCPU.value() && torch::cuda::is_available();
+    m_impl->device = useCuda ? torch::Device(torch::kCUDA, 0) : torch::Device(torch::kCPU);
+    // Half-precision convolutions on the CPU are slower than float32 (and missing for some
+    // layers in LibTorch 1.13), so the CPU always runs float32.
+    m_impl->precision = useCuda && p_halfPrecision.value() ? torch::kFloat16 : torch::kFloat32;
+    if (p_halfPrecision.value() && !useCuda)
+        VELMORIA_LOG_INFO(kLog, "HalfPrecision is ignored on the CPU: model '{}' runs in float32",
+                          p_modelFile.value());
+}
+
 bool TorchEngine::loadModel()
 {
     m_impl->module.reset();
-    bool const useCuda = !p_forceCPU.value() && torch::cuda::is_available();
-    m_impl->device = useCuda ? torch::Device(torch::kCUDA, 0) : torch::Device(torch::kCPU);
+    chooseDevice();
 
     std::string const file = p_modelFile.value();
     std::optional<ByteBuffer> bytes = loadModelArtifact();
@@ -206,13 +220,15 @@ bool TorchEngine::loadModel()
     try {
         std::istringstream stream(std::string(reinterpret_cast<char const*>(bytes->data()), bytes->size()));
         m_impl->module = torch::jit::load(stream, m_impl->device);
+        m_impl->module->to(m_impl->precision);
         m_impl->module->eval();
     } catch (std::exception const& e) {
         m_impl->module.reset();
         VELMORIA_LOG_ERROR(kLog, "Model file '{}' is not a TorchScript model: {}", file, torchMessage(e));
         return false;
     }
-    VELMORIA_LOG_DEBUG(kLog, "Loaded TorchScript model '{}' on {}", file, deviceName());
+    VELMORIA_LOG_DEBUG(kLog, "Loaded TorchScript model '{}' on {} ({})", file, deviceName(),
+                       m_impl->precision == torch::kFloat16 ? "float16" : "float32");
     return true;
 }
 
@@ -225,9 +241,8 @@ void TorchEngine::onForceCPUChanged()
 {
     if (!m_impl->module)
         return;
-    bool const useCuda = !config.p_forceCPU.value() && torch::cuda::is_available();
-    m_impl->device = useCuda ? torch::Device(torch::kCUDA, 0) : torch::Device(torch::kCPU);
-    m_impl->module->to(m_impl->device);
+    chooseDevice();
+    m_impl->module->to(m_impl->device, m_impl->precision);
 }
 
 bool TorchEngine::isLoaded() const
@@ -257,7 +272,7 @@ DataItem TorchEngine::predict(DataItem const& input)
             if (auto const* image = dynamic_cast<ImageElement const*>(element))
                 reference = image->sis().get();
         shapes += (shapes.empty() ? "" : ", ") + field + " " + shapeText(tensor.sizes());
-        arguments.emplace_back(tensor.to(m_impl->device));
+        arguments.emplace_back(tensor.to(m_impl->device, m_impl->precision));
     }
 
     torch::jit::IValue result;

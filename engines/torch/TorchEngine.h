@@ -27,8 +27,9 @@
 //
 // Parameters beyond Engine's: "NumThreads" (CPU threads of LibTorch; 0, the default, is every
 // core; it is a process-wide setting of LibTorch). "ForceCPU" keeps the network on the CPU; a
-// CUDA device is used otherwise when LibTorch has one. Half precision is not supported: the
-// network always runs in float32.
+// CUDA device is used otherwise when LibTorch has one. "HalfPrecision" (false) runs the network
+// and its inputs in float16 on a CUDA device; the CPU always runs float32 (a log line says so
+// when half precision was asked for). Outputs are float32 either way.
 //
 // predict() runs under c10::InferenceMode and throws EngineException for inputs it cannot map,
 // a network that fails (the message names the model file and the input shapes) and outputs it
@@ -62,11 +63,14 @@ public:
     std::string deviceName() const;
 
     Parameter<int> p_numThreads{"NumThreads", 0, this};
+    Parameter<bool> p_halfPrecision{"HalfPrecision", false, this};
 
 private:
     // Loads the network named by "ModelFile" onto the current device; false (logged) on failure,
     // which leaves no network loaded.
     bool loadModel();
+    // The device and precision from "ForceCPU", "HalfPrecision" and what LibTorch offers.
+    void chooseDevice();
     void applyThreadCount() const;
 
     struct Impl;

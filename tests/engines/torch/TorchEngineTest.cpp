@@ -390,6 +390,33 @@ TEST_F(TorchEngineTest, ForceCPUKeepsAWorkingNetworkOnTheCPU)
                     static_cast<float>(2.0 * originalValue(0, 0)));
 }
 
+// Without a CUDA device half precision cannot apply: the network runs in float32, keeps its
+// float32 results and says so once.
+TEST_F(TorchEngineTest, HalfPrecisionOnTheCPURunsFloat32AndSaysSo)
+{
+    Properties properties = engineProperties(modelPath("double"));
+    properties.setParam("HalfPrecision", true);
+    properties.setParam("ForceCPU", true);
+    Log::Capture capture;
+    auto engine = makeEngine(properties);
+    ASSERT_NE(engine, nullptr);
+    EXPECT_TRUE(engine->p_halfPrecision.value());
+    EXPECT_EQ(capture.count("HalfPrecision is ignored on the CPU: model '" + modelPath("double") +
+                                "' runs in float32",
+                            "ML.TorchEngine"),
+              1);
+    DataItem item;
+    // 1001 is not representable in float16 (its neighbours there are 1000 and 1002): a network
+    // run in half precision would not give it back doubled exactly.
+    auto input = MLTest::makeSet(1, MLTest::FrameLayout{});
+    static_cast<float*>(input->get(0)->mem()->data())[0] = 1001.0F;
+    item.set("Input", input);
+    DataItem const prediction = engine->predict(item);
+    auto const* output = prediction.get<ImageElement>("Prediction");
+    ASSERT_NE(output, nullptr);
+    EXPECT_EQ(MLTest::firstValue(*output->sis()->get(0)), 2002.0F);
+}
+
 TEST_F(TorchEngineTest, PluginRegistersTheEngineUnderTorch)
 {
     EXPECT_STREQ(velmoriaPluginId(), "Velmoria.Torch");
