@@ -1,15 +1,20 @@
 #include "host/io/ImageFiles.h"
 
+#include "host/algorithm/IoAlgorithm.h"
 #include "host/core/Log.h"
+#include "host/core/String.h"
 #include "host/image/MemImage.h"
 #include "host/image/SharedImage.h"
 #include "host/image/SharedImageSet.h"
 #include "host/image/TypedImage.h"
+#include "host/io/ImageFormat.h"
 #include "host/io/ItkImageIO.h"
 
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -18,28 +23,36 @@ namespace Velmoria::ImageFiles {
 namespace {
 
 constexpr char const* Category = "Host.ImageFiles";
-std::string fileStem(std::string const& path)
+
+Data::Modality modalityFromDicom(std::string const& modality)
 {
-    std::string name = std::filesystem::path(path).filename().string();
-    for (char const* extension : {".gz", ".nii", ".nrrd", ".nhdr", ".mha", ".mhd", ".png"}) {
-        std::string const ext(extension);
-        if (name.size() > ext.size() && name.compare(name.size() - ext.size(), ext.size(), ext) == 0)
-            name.resize(name.size() - ext.size());
-    }
-    return name;
+    if (modality == "CT")
+        return Data::Modality::CT;
+    if (modality == "MR")
+        return Data::Modality::MRI;
+    if (modality == "US")
+        return Data::Modality::Ultrasound;
+    if (modality == "PT")
+        return Data::Modality::PET;
+    if (modality == "NM")
+        return Data::Modality::NuclearMedicine;
+    if (modality == "CR" || modality == "DX" || modality == "XA" || modality == "RF" || modality == "MG")
+        return Data::Modality::Xray;
+    return Data::Modality::Unknown;
 }
 
-// Reads what `read` promises; the reason of a failure goes to `why` (the caller logs it).
-std::unique_ptr<SharedImageSet> readChecked(std::string const& path, std::string& why)
+// One way of reading pixels: a file, or a DICOM series (see ItkImageIO.h).
+using Reader = std::function<bool(Detail::BufferFunction const&, std::string& why)>;
+
+// Reads through `reader` into a set named `name`; the reason of a failure goes to `why` (the
+// caller logs it).
+std::unique_ptr<SharedImageSet> readWith(Reader const& reader, std::string const& name, std::string& why)
 {
-    if (!std::filesystem::exists(path)) {
-        why = "the file does not exist";
-        return nullptr;
-    }
     ImageDescriptor descriptor;
     Eigen::Vector3i dimensions = Eigen::Vector3i::Ones();
     FileGeometry geometry;
     int frames = 1;
+    std::string modality;
     // ITK reads the whole region at once; a 4D file is read into one buffer and then split into
     // frames (a transient second copy), everything else straight into the frame's pixels.
     std::shared_ptr<MemImage> single;
@@ -53,6 +66,7 @@ std::unique_ptr<SharedImageSet> readChecked(std::string const& path, std::string
                 geometry.direction(r, i) = header.direction[static_cast<std::size_t>(3 * i + r)];
         }
         frames = static_cast<int>(header.size[3]);
+        modality = header.modality;
         if (!(geometry.spacing.array() > 0.0).all() || !geometry.spacing.allFinite()) {
             reason = fmt::format("invalid spacing {} {} {}", geometry.spacing.x(), geometry.spacing.y(),
                                  geometry.spacing.z());
@@ -78,12 +92,12 @@ std::unique_ptr<SharedImageSet> readChecked(std::string const& path, std::string
             reason = "out of memory for " + descriptor.describe();
         return single ? single->data() : nullptr;
     };
-    if (!Detail::readFile(path, allocate, why))
+    if (!reader(allocate, why))
         return nullptr;
 
     Eigen::Matrix4d const matrix = geometryFromItk(geometry, dimensions);
     auto set = std::make_unique<SharedImageSet>();
-    set->setName(fileStem(path));
+    set->setName(name);
     std::size_t const frameBytes = descriptor.byteSize();
     for (int f = 0; f < frames; ++f) {
         std::shared_ptr<MemImage> pixels = single;
@@ -100,7 +114,53 @@ std::unique_ptr<SharedImageSet> readChecked(std::string const& path, std::string
         frame->setMatrixToWorld(matrix);
         set->add(frame);
     }
+    if (Data::Modality const m = modalityFromDicom(modality); m != Data::Modality::Unknown)
+        set->setModality(m);
     return set;
+}
+
+std::unique_ptr<SharedImageSet> readFolder(std::string const& folder, std::string& why)
+{
+    std::vector<std::string> const series = Detail::dicomSeries(folder, why);
+    if (series.empty())
+        return nullptr;
+    if (series.size() > 1) {
+        std::string list;
+        for (std::string const& s : series)
+            list += (list.empty() ? "'" : ", '") + s + "'";
+        VELMORIA_LOG_WARNING(Category, "Folder '{}' holds {} DICOM series ({}); reading the first, '{}'",
+                             folder, series.size(), list, series.front());
+    }
+    std::string note;
+    Reader const reader = [&](Detail::BufferFunction const& buffer, std::string& reason) {
+        return Detail::readDicomSeries(folder, series.front(), buffer, reason, note);
+    };
+    // "a/b/" has the file name "" and "a/b" the file name "b": name the set after the folder.
+    std::filesystem::path const normal = std::filesystem::path(folder).lexically_normal();
+    std::string const name =
+        normal.has_filename() ? normal.filename().string() : normal.parent_path().filename().string();
+    auto set = readWith(reader, name, why);
+    if (set && !note.empty())
+        VELMORIA_LOG_WARNING(Category, "DICOM series '{}' in folder '{}': {}", series.front(), folder, note);
+    return set;
+}
+
+std::unique_ptr<SharedImageSet> readChecked(std::string const& path, std::string& why)
+{
+    if (!std::filesystem::exists(path)) {
+        why = "the file does not exist";
+        return nullptr;
+    }
+    if (std::filesystem::is_directory(path))
+        return readFolder(path, why);
+    if (String::toLowerCopy(std::filesystem::path(path).filename().string()) == "dicomdir") {
+        why = "DICOMDIR files (DICOM media directories) are not read; read the folder of a series instead";
+        return nullptr;
+    }
+    Reader const reader = [&](Detail::BufferFunction const& buffer, std::string& reason) {
+        return Detail::readFile(path, buffer, reason);
+    };
+    return readWith(reader, fileStem(path), why);
 }
 
 // The values to write for one frame: the stored buffer itself, or a float copy in original
@@ -151,9 +211,18 @@ bool writeChecked(SharedImageSet const& images, std::string const& path, std::st
                         std::abs(geometry.direction(2, 2) - 1.0) < 1e-12;
     int const frames = images.size();
     bool const convert = !(d.shift == 0.0 && d.scale == 1.0);
+    std::optional<ImageFormat> const format = formatFromPath(path);
+    if (format) {
+        why = whyNotWritable(*format, convert ? PixelType::Float : d.pixelType, d.channels, d.slices, frames);
+        if (!why.empty())
+            return false;
+    }
+    // Photographs' formats store no placement; their writers take a 2D image only as such.
+    bool const photograph =
+        format == ImageFormat::Png || format == ImageFormat::Jpeg || format == ImageFormat::Tiff;
 
     Detail::FileHeader header;
-    header.dimensions = frames > 1 ? 4u : (planar ? 2u : 3u);
+    header.dimensions = frames > 1 ? 4u : ((planar || (photograph && d.slices == 1)) ? 2u : 3u);
     for (int i = 0; i < 3; ++i) {
         header.size[static_cast<std::size_t>(i)] = static_cast<std::size_t>(d.dimensions()[i]);
         header.spacing[static_cast<std::size_t>(i)] = geometry.spacing[i];
@@ -198,6 +267,31 @@ FileGeometry itkFromGeometry(Eigen::Matrix4d const& matrixToWorld, Eigen::Vector
         ((dimensions.cast<double>().array() - 1.0) / 2.0 * spacing.array()).matrix();
     geometry.origin = matrixToWorld.topRightCorner<3, 1>() - geometry.direction * halfExtent;
     return geometry;
+}
+
+bool isDicomFile(std::string const& path)
+{
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error))
+        return false;
+    if (IoAlgorithm::matchesPatterns(path, filePatterns(ImageFormat::Dicom)))
+        return true;
+    // Files in the standard layout start with a 128-byte preamble and "DICM"; GDCM reads some
+    // files without it, but a name without ".dcm" and without the magic is not worth probing.
+    std::ifstream in(path, std::ios::binary);
+    char magic[132] = {};
+    return in.read(magic, sizeof magic) && std::memcmp(magic + 128, "DICM", 4) == 0;
+}
+
+bool isDicomFolder(std::string const& path)
+{
+    std::error_code error;
+    if (!std::filesystem::is_directory(path, error))
+        return false;
+    for (auto const& entry : std::filesystem::directory_iterator(path, error))
+        if (isDicomFile(entry.path().string()))
+            return true;
+    return false;
 }
 
 std::unique_ptr<SharedImageSet> read(std::string const& path)

@@ -1,7 +1,8 @@
 #pragma once
 
 // ImageFiles: reading and writing image files (NIfTI .nii/.nii.gz, NRRD .nrrd/.nhdr, MetaImage
-// .mha/.mhd, PNG) through ITK's ImageIO layer. ITK stays behind this interface: no ITK type
+// .mha/.mhd, PNG, TIFF, JPEG, DICOM files and series folders) through ITK's ImageIO layer (see
+// ImageFormat.h for what each format holds). ITK stays behind this interface: no ITK type
 // appears here, and the host links ITK privately.
 //
 // We go through itk::ImageIOBase rather than the templated itk::ImageFileReader<itk::Image<..>>
@@ -14,7 +15,14 @@
 //   - channels = the file's number of components (interleaved, as ours);
 //   - 1D/2D/3D files give one frame; a 4D file gives one frame per 3D volume (the fourth axis is
 //     time or a batch), all with the same geometry;
-//   - the set is named after the file (its name without folder and extension).
+//   - the set is named after the file (its name without folder and extension);
+//   - DICOM: pixels are real intensities (rescale slope and intercept applied: CT in HU; float
+//     when the rescale is fractional), a multi-frame file is one volume, the set's modality
+//     follows the file's Modality tag (CT, MR, US, PT, NM, CR/DX/XA/RF as X-ray). A folder is
+//     read as a DICOM series: its files (not sub-folders) are grouped by series; with several,
+//     the first series identifier in sorted order is read and a warning names the folder and
+//     every series found. Slices are sorted by position; see Detail::readDicomSeries for the
+//     geometry. A file named DICOMDIR (a media directory) is refused: read its folder instead.
 //
 // Writing
 //   - a set of one frame is written as a 2D (slices == 1) or 3D file; a set of several frames
@@ -28,6 +36,11 @@
 // Geometry: our image coordinates have their origin at the image centre, ITK's physical point of
 // index p is origin + direction · (p ∘ spacing). geometryFromItk / itkFromGeometry are the one
 // place where the two are converted (see there).
+//
+// Writing checks the format's limits first (ImageFormat.h: JPEG takes uint8 gray or RGB only,
+// PNG and JPEG 2D only, DICOM and TIFF one 2D or 3D image): a set that does not fit is refused
+// with the file and the value at fault named, never converted behind the user's back. DICOM is
+// written as one file (a 3D image as a multi-frame file).
 //
 // Failures never throw: read gives null and write false, with an error in "Host.ImageFiles"
 // that names the file and the reason.
@@ -58,7 +71,13 @@ Eigen::Matrix4d geometryFromItk(FileGeometry const& geometry, Eigen::Vector3i co
 FileGeometry itkFromGeometry(Eigen::Matrix4d const& matrixToWorld, Eigen::Vector3d const& spacing,
                              Eigen::Vector3i const& dimensions);
 
-// The image in `path`; null with an error log when it cannot be read.
+// True for a file named *.dcm or one with the DICOM magic "DICM" at byte 128.
+bool isDicomFile(std::string const& path);
+// True for a folder holding at least one DICOM file (isDicomFile) directly.
+bool isDicomFolder(std::string const& path);
+
+// The image in `path` (a file, or a DICOM series folder); null with an error log when it
+// cannot be read.
 std::unique_ptr<SharedImageSet> read(std::string const& path);
 // Writes `images` to `path`, the format chosen by the extension; false with an error log when
 // the set is empty, its frames cannot share one file or ITK fails.
