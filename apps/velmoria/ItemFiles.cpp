@@ -5,6 +5,7 @@
 #include "host/core/Log.h"
 #include "host/core/String.h"
 #include "host/image/SharedImageSet.h"
+#include "host/io/FileLoader.h"
 #include "host/io/ImageFiles.h"
 
 #include <exception>
@@ -15,9 +16,12 @@ namespace Velmoria::Cli {
 bool readFields(std::vector<FieldArgument> const& arguments, FieldRole role, ML::DataItem& item)
 {
     for (auto const& argument : arguments) {
-        std::shared_ptr<SharedImageSet> images = ImageFiles::read(argument.file);
+        // Through the host's loader, so that a DICOM folder and formats that plug-ins add are
+        // accepted wherever a file is.
+        OwningDataList loaded = IO::FileLoader::load(argument.file);
+        std::shared_ptr<SharedImageSet> images = loaded.extractFirstImage();
         if (!images) {
-            // ImageFiles has said why; this line ties the file to the field it was meant for.
+            // The loader has said why; this line ties the file to the field it was meant for.
             VELMORIA_LOG_ERROR("Cli.Files", "Could not read file '{}' for field '{}'", argument.file,
                                argument.field);
             return false;

@@ -183,6 +183,26 @@ INSTANTIATE_TEST_SUITE_P(
         ProcessCase{"LabelIsATarget", kTwoSteps, {}, doubledAndClipped, true}),
     [](auto const& info) { return info.param.name; });
 
+// Inputs go through the host's loader: a folder of DICOM files is an input like a file, and
+// its geometry reaches the output.
+TEST_F(VelmoriaCommandTest, ProcessReadsADicomFolder)
+{
+    std::vector<double> values = inputValues();
+    ASSERT_TRUE(Filesystem::Directory(path("dicom")).create());
+    ASSERT_TRUE(ImageFiles::write(SharedImageSet(MLTest::placedFrame<std::int16_t>(kSize, 1, values)),
+                                  path("dicom/volume.dcm")));
+    writeText("list.yaml", "- MakeFloat: {}\n- LinearIntensityMapping: {factor: 2}\n");
+
+    auto const run = velmoria(
+        {"process", "--config", "{dir}/list.yaml", "--input", "{dir}/dicom", "--output", "{dir}/out.nii"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    auto const out = readValues(path("out.nii"));
+    ASSERT_EQ(out.size(), values.size());
+    for (std::size_t i = 0; i < values.size(); ++i)
+        EXPECT_DOUBLE_EQ(out[i], 2 * values[i]) << "voxel " << i;
+    expectSameGeometry(path("out.nii"));
+}
+
 // ---- failures -----------------------------------------------------------------------------
 
 struct CommandCase
