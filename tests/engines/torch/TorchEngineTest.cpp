@@ -11,7 +11,9 @@
 #include "tests/ml/TestHelpers.h"
 #include "tests/ml/data/ImageSetFixtures.h"
 
+#include "host/core/Filesystem.h"
 #include "host/core/Log.h"
+#include "host/core/Resource.h"
 #include "host/image/SharedImage.h"
 #include "host/image/SharedImageSet.h"
 #include "host/image/TypedImage.h"
@@ -22,6 +24,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -381,6 +384,29 @@ TEST_F(TorchEngineTest, ForceCPUKeepsAWorkingNetworkOnTheCPU)
     engine->p_forceCPU = true;
     EXPECT_TRUE(engine->config.p_forceCPU.value());
     EXPECT_EQ(engine->deviceName(), "cpu");
+    DataItem item;
+    item.set("Input", makeBatch({4, 3, 1}, 1, 1));
+    DataItem const prediction = engine->predict(item);
+    auto const* output = prediction.get<ImageElement>("Prediction");
+    ASSERT_NE(output, nullptr);
+    EXPECT_FLOAT_EQ(MLTest::firstValue(*output->sis()->get(0)),
+                    static_cast<float>(2.0 * originalValue(0, 0)));
+}
+
+// The network's bytes may come from a resource repository (a plug-in or application shipping the
+// model inside itself): the engine reads bytes, never a path of its own.
+TEST_F(TorchEngineTest, LoadsTheNetworkFromAResource)
+{
+    std::optional<ByteBuffer> bytes = Filesystem::File(Filesystem::Path(modelPath("double"))).readBinary();
+    ASSERT_TRUE(bytes.has_value());
+    Resource::MemoryRepository repository("TorchEngineTestRepository");
+    ASSERT_TRUE(repository.add("torch-test/double.pt", *bytes));
+    Resource::addRepository(&repository);
+    auto engine = makeEngine(engineProperties("torch-test/double.pt"));
+    Resource::removeRepository(&repository);
+    ASSERT_NE(engine, nullptr);
+    ASSERT_TRUE(engine->isLoaded());
+
     DataItem item;
     item.set("Input", makeBatch({4, 3, 1}, 1, 1));
     DataItem const prediction = engine->predict(item);
