@@ -16,6 +16,7 @@
 #include "ml/operations/catalogue/PadOperations.h"
 #include "ml/operations/catalogue/RecombinePatchesOperation.h"
 #include "ml/operations/catalogue/SplitIntoPatchesOperation.h"
+#include "ml/sampling/SplitROISampler.h"
 
 #include "host/core/Log.h"
 #include "host/core/Timer.h"
@@ -380,6 +381,14 @@ DataItem MachineLearningModel::predict(DataItem const& input)
 
     bool const batchMode = chooseBatchMode(preprocessed);
     VELMORIA_LOG_DEBUG(kCategory, "Batch mode: {}", batchMode ? "true" : "false");
+    // The batch path sends whole frames to the engine; say so rather than leave the user to
+    // wonder why a large volume went through the network in one piece.
+    if (batchMode && m_splitOperation)
+        VELMORIA_LOG_WARNING(
+            kCategory,
+            "MaxBatchSize {} runs whole frames in batches: SplitIntoPatches and RecombinePatches "
+            "are not applied. Set \"MaxBatchSize: 1\" to predict patch by patch.",
+            m_config->maxBatchSize());
 
     if (m_config->upgradedVersion() <= 7) {
         VELMORIA_LOG_ERROR(
@@ -572,9 +581,10 @@ std::optional<DataItem> MachineLearningModel::predictPatches(DataItem const& fra
             if (prediction.empty())
                 return std::nullopt;
             StageClock clock(m_timings.recombinationMs);
-            if ((rois[k].extent.array() > imageDims.array()).any()) {
+            if (!recombine && (rois[k].extent.array() > imageDims.array()).any()) {
                 // The patch was padded to reach the patch size: cut the prediction back to the
-                // part that lies in the image.
+                // part that lies in the image. Recombination needs no cut: it takes the whole
+                // patch at its (partly outside) region and keeps what lies inside.
                 RegionOfInterest clipped = rois[k];
                 clipped.extent = clipped.extent.cwiseMin(imageDims);
                 PadDimsOperation crop(clipped.extent);
@@ -587,7 +597,8 @@ std::optional<DataItem> MachineLearningModel::predictPatches(DataItem const& fra
             if (recombine) {
                 if (k == 0)
                     m_recombineOperation->setupRecombinationOutput(prediction, reference.get());
-                m_recombineOperation->recombineSinglePatch(prediction, rois[k]);
+                m_recombineOperation->recombineSinglePatch(
+                    prediction, SplitROISampler::regionInImage(rois[k], imageDims));
             } else {
                 predictions.push_back(std::move(prediction));
             }

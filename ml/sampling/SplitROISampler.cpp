@@ -121,6 +121,12 @@ std::optional<RegionOfInterest> SplitROISampler::computeROI(SharedImageSet const
     return rois[index];
 }
 
+RegionOfInterest SplitROISampler::regionInImage(RegionOfInterest const& roi, Eigen::Vector3i const& imageDims)
+{
+    Eigen::Vector3i const shortBy = (roi.extent - imageDims).cwiseMax(Eigen::Vector3i::Zero());
+    return RegionOfInterest{roi.offset - shortBy / 2, roi.extent};
+}
+
 std::unique_ptr<SharedImageSet> SplitROISampler::extractROI(SharedImageSet const* image,
                                                             std::optional<RegionOfInterest> roi) const
 {
@@ -146,7 +152,7 @@ std::unique_ptr<SharedImageSet> SplitROISampler::extractROI(SharedImageSet const
         // The region is counted in the grid padded centrally up to the extent (as
         // padImageToDimensions pads); in the original grid it starts `low` voxels earlier.
         Eigen::Vector3i const shortBy = (roi->extent - dims).cwiseMax(Eigen::Vector3i::Zero());
-        Eigen::Vector3i const offset = roi->offset - shortBy / 2;
+        Eigen::Vector3i const offset = regionInImage(*roi, dims).offset;
         Eigen::Vector3i const high = offset + roi->extent - dims;
         if ((offset.array() < 0 && shortBy.array() == 0).any() ||
             (high.array() > 0 && shortBy.array() == 0).any())

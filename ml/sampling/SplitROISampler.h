@@ -81,6 +81,10 @@ public:
     // The patch at `roi` (computeROI when none) with its PatchesFromImageDataComponent.
     std::unique_ptr<SharedImageSet> extractROI(SharedImageSet const* image,
                                                std::optional<RegionOfInterest> roi) const override;
+    // `roi` of the layout (counted in the grid padded up to the patch size) in the grid of the
+    // image itself: on axes shorter than the patch it starts before the image (negative offset),
+    // as the patch records and RecombinePatches count it.
+    static RegionOfInterest regionInImage(RegionOfInterest const& roi, Eigen::Vector3i const& imageDims);
     // A new item: each ImageElement of `item` replaced by its patch at `roi`, other elements
     // cloned. `item` stays untouched.
     DataItem sampleFromROI(DataItem const& item, RegionOfInterest const& roi) const;

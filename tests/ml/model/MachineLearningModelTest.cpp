@@ -345,6 +345,45 @@ INSTANTIATE_TEST_SUITE_P(
                           "ImageSmallerThanPatchWithoutRecombination", {3, 3, 2}, false, 1, 1, {3, 3, 2}}),
     [](auto const& info) { return info.param.name; });
 
+// Several patches, each padded along z (the volume is thinner than a patch): recombination
+// places the padded predictions itself and gives the volume back.
+TEST_F(MachineLearningModelTest, AxisShorterThanThePatchIsRecombined)
+{
+    auto model =
+        load(modelText("mlm_doubler", "PreProcessing:\n"
+                                      "  - SplitIntoPatches: {patch_size: [4, 4, 4], patch_step_size: 1}\n"
+                                      "PostProcessing:\n  - RecombinePatches: {}\n"));
+    ASSERT_NE(model, nullptr);
+    auto input = MLTest::makeSet(1, layoutOf({8, 8, 2}));
+    DataItem const output = model->predict(inputOf(input));
+    ASSERT_FALSE(output.empty()) << "prediction failed";
+    EXPECT_EQ(g_calls.size(), 4U);
+    auto const* prediction = output.get<ImageElement>("Prediction");
+    ASSERT_NE(prediction, nullptr);
+    ASSERT_EQ(prediction->sis()->size(), 1);
+    expectDoubled(*input->get(0), *prediction->sis()->get(0));
+}
+
+// Batch mode sends whole frames: the split is not applied, and the user is told so.
+TEST_F(MachineLearningModelTest, BatchModeWarnsThatItDoesNotSplit)
+{
+    auto model =
+        load(modelText("mlm_doubler", "MaxBatchSize: 4\n"
+                                      "PreProcessing:\n"
+                                      "  - SplitIntoPatches: {patch_size: [4, 4, 2], patch_step_size: 1}\n"
+                                      "PostProcessing:\n  - RecombinePatches: {}\n"));
+    ASSERT_NE(model, nullptr);
+    auto input = MLTest::makeSet(1, layoutOf({8, 8, 2}));
+    DataItem const output = model->predict(inputOf(input));
+    ASSERT_FALSE(output.empty());
+    ASSERT_EQ(g_calls.size(), 1U);
+    EXPECT_EQ(g_calls[0].dims, Eigen::Vector3i(8, 8, 2)) << "the whole frame, not a patch";
+    EXPECT_TRUE(m_capture.contains("MaxBatchSize 4 runs whole frames in batches: SplitIntoPatches and "
+                                   "RecombinePatches are not applied. Set \"MaxBatchSize: 1\" to predict "
+                                   "patch by patch.",
+                                   kCategory));
+}
+
 TEST_F(MachineLearningModelTest, RecombinationWithoutSplitFailsToLoad)
 {
     auto const result = MachineLearningModel::createWithStatus(
