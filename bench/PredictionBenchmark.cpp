@@ -50,7 +50,7 @@ std::string modelFile()
 {
     if (char const* chosen = std::getenv("VELMORIA_BENCH_MODEL"))
         return chosen;
-    return std::string(VELMORIA_SOURCE_DIR) + "/examples/demo/demo_segmenter.pt";
+    return std::string(VELMORIA_SOURCE_DIR) + "/examples/demo/demo-segmenter.pt";
 }
 
 std::string modelYaml(std::string const& network)
