@@ -1,6 +1,8 @@
 #include "engines/torch/TorchEngine.h"
 
+#include "engines/torch/TensorSetConversion.h"
 #include "ml/data/ImageElement.h"
+#include "ml/data/TensorSetElement.h"
 #include "ml/data/VectorElement.h"
 
 #include "host/core/Log.h"
@@ -78,7 +80,9 @@ torch::Tensor elementToTensor(std::string const& field, DataElement const* eleme
             t = t.squeeze(2);
         return t.contiguous();
     }
-    throw EngineException("Input field '" + field + "' is neither an image nor a vector element");
+    if (auto const* tensors = dynamic_cast<TensorSetElement const*>(element))
+        return TorchConversion::stackTensorSet(field, *tensors->tensorSet());
+    throw EngineException("Input field '" + field + "' is neither an image, a vector nor a tensor element");
 }
 
 // The frames of one output tensor: [n, C] / [n] vectors, [n, C, H, W] / [n, C, D, H, W] images.
@@ -245,6 +249,25 @@ void TorchEngine::onForceCPUChanged()
     m_impl->module->to(m_impl->device, m_impl->precision);
 }
 
+std::optional<PredictionOutput> TorchEngine::declaredOutput(std::string const& field) const
+{
+    std::vector<std::string> const& fields = config.p_outputFields.value();
+    std::vector<std::string> const& kinds = p_predictionOutput.value();
+    auto const it = std::find(fields.begin(), fields.end(), field);
+    auto const index = static_cast<std::size_t>(it - fields.begin());
+    if (it == fields.end() || index >= kinds.size())
+        return std::nullopt;
+    try {
+        PredictionOutput const kind = stringToPredictionOutput(kinds[index]);
+        if (kind == PredictionOutput::Unknown)
+            return std::nullopt;
+        return kind;
+    } catch (std::exception const&) {
+        throw EngineException("Output field '" + field + "' has an unknown PredictionOutput '" +
+                              kinds[index] + "'");
+    }
+}
+
 bool TorchEngine::isLoaded() const
 {
     return m_impl->module.has_value();
@@ -292,7 +315,25 @@ DataItem TorchEngine::predict(DataItem const& input)
         if (!value.isTensor())
             throw EngineException("Output field '" + field + "' of TorchScript model '" +
                                   p_modelFile.value() + "' is not a tensor");
-        prediction.set(field, tensorToFrames(field, value.toTensor(), reference));
+        torch::Tensor const tensor = value.toTensor();
+        std::optional<PredictionOutput> const kind = declaredOutput(field);
+        if (kind == PredictionOutput::Tensor) {
+            prediction.set(field, std::make_shared<TensorSetElement>(
+                                      TorchConversion::splitIntoTensorSet(field, tensor)));
+            return;
+        }
+        bool const imageShape = tensor.dim() == 4 || tensor.dim() == 5;
+        if ((kind == PredictionOutput::Image && !imageShape) ||
+            (kind == PredictionOutput::Vector && imageShape))
+            throw EngineException(
+                "Output field '" + field + "' of TorchScript model '" + p_modelFile.value() +
+                "' is declared " + predictionOutputToString(*kind) + " but is a tensor of shape " +
+                shapeText(tensor.sizes()) +
+                (imageShape ? "; expected [n, C] or [n]" : "; expected [n, C, H, W] or [n, C, D, H, W]"));
+        if (kind && kind != PredictionOutput::Image && kind != PredictionOutput::Vector)
+            throw EngineException("Output field '" + field + "': the torch engine cannot give " +
+                                  predictionOutputToString(*kind) + " outputs");
+        prediction.set(field, tensorToFrames(field, tensor, reference));
     };
     if (result.isTensor()) {
         if (!outputs.empty())

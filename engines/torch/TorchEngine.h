@@ -14,14 +14,20 @@
 //   - an ImageElement of n frames W x H x D with C channels: float32 [n, C, H, W] when every
 //     frame has depth 1, else [n, C, D, H, W]; values in original intensities (the frames'
 //     shift/scale undone), whatever the stored pixel type;
-//   - a VectorElement (1x1x1 frames, C channels): float32 [n, C].
-// All frames of one field must have the same size and channel count.
+//   - a VectorElement (1x1x1 frames, C channels): float32 [n, C];
+//   - a TensorSetElement of n tensors of one shape [...]: its tensors stacked, [n, ...], in
+//     their own element type (float32, int64 or uint8).
+// All frames (tensors) of one field must have the same size and channel count (shape).
 //
 // Outputs. forward() may return one tensor (the first output field), a tuple or list of tensors
 // (one per output field, in the order of the output fields, ignored ones included) or a dict of
 // tensors keyed by output field name (extra keys are dropped). Fields listed as ignored are not
-// taken over. A tensor [n, C] (or [n]) becomes a VectorElement; [n, C, H, W] or [n, C, D, H, W]
-// an ImageElement of float frames whose geometry follows the first image input: frame i takes
+// taken over. The model's "PredictionOutput" of the field (passed to the engine under that key)
+// decides the element: Tensor gives a TensorSetElement of n tensors [...]; Vector needs [n, C]
+// (or [n]) and gives a VectorElement; Image needs [n, C, H, W] or [n, C, D, H, W] and gives an
+// ImageElement; another shape, or Keypoints/BoundingBoxes, is an error naming the field. Without
+// a declared kind the shape decides between Vector and Image. Image frames are float and their
+// geometry follows the first image input: frame i takes
 // the matrix of input frame i (the last one when the output has more frames), the same spacing
 // when the spatial size is the same, else the spacing scaled so that centre and extent stay.
 //
@@ -36,10 +42,12 @@
 // cannot map or that are missing.
 
 #include "ml/model/Engine.h"
+#include "ml/model/ModelEnums.h"
 
 #include "host/core/Parameter.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace Velmoria::ML {
@@ -64,6 +72,8 @@ public:
 
     Parameter<int> p_numThreads{"NumThreads", 0, this};
     Parameter<bool> p_halfPrecision{"HalfPrecision", false, this};
+    // The model's "PredictionOutput", one entry per output field (the driver passes it along).
+    Parameter<std::vector<std::string>> p_predictionOutput{"PredictionOutput", {}, this};
 
 private:
     // Loads the network named by "ModelFile" onto the current device; false (logged) on failure,
@@ -71,6 +81,8 @@ private:
     bool loadModel();
     // The device and precision from "ForceCPU", "HalfPrecision" and what LibTorch offers.
     void chooseDevice();
+    // The declared kind of an output field; none when the model declared nothing for it.
+    std::optional<PredictionOutput> declaredOutput(std::string const& field) const;
     void applyThreadCount() const;
 
     struct Impl;

@@ -185,7 +185,15 @@ bool MachineLearningModel::createEngine()
 {
     if (!m_config)
         return false;
-    m_engine = Engine::create(m_config->engine(), m_config->getEngineProperties());
+    // The engine learns what each output field is meant to be, so that it can shape its
+    // result accordingly (a tensor output, say, rather than an image of a tensor's shape).
+    Properties properties = m_config->getEngineProperties();
+    std::vector<std::string> outputKinds;
+    for (PredictionOutput const kind : m_config->predictionOutputTypes())
+        outputKinds.push_back(predictionOutputToString(kind));
+    if (!properties.contains("PredictionOutput"))
+        properties.setParam("PredictionOutput", outputKinds);
+    m_engine = Engine::create(m_config->engine(), properties);
     if (!m_engine) {
         VELMORIA_LOG_ERROR(kCategory, "Could not create engine '{}'.", m_config->engine());
         return false;

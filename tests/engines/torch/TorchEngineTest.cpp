@@ -7,6 +7,8 @@
 #include "ml/data/DataItem.h"
 #include "ml/data/ImageElement.h"
 #include "ml/data/KeypointSet.h"
+#include "ml/data/TensorSet.h"
+#include "ml/data/TensorSetElement.h"
 #include "ml/data/VectorElement.h"
 #include "tests/ml/TestHelpers.h"
 #include "tests/ml/data/ImageSetFixtures.h"
@@ -336,7 +338,132 @@ TEST_F(TorchEngineTest, ElementThatIsNotAnImageOrVectorIsRefused)
     DataItem item;
     item.set("Input", KeypointSet());
     MLTest::expectThrowWithMessage<EngineException>(
-        [&] { engine->predict(item); }, "Input field 'Input' is neither an image nor a vector element");
+        [&] { engine->predict(item); },
+        "Input field 'Input' is neither an image, a vector nor a tensor element");
+}
+
+// ---- Tensor fields and declared output kinds ------------------------------------------------
+
+std::shared_ptr<Tensor> floatTensor(Tensor::Shape shape, float first)
+{
+    std::vector<float> values(static_cast<std::size_t>(shape[0] * shape[1]));
+    for (std::size_t i = 0; i < values.size(); ++i)
+        values[i] = first + static_cast<float>(i);
+    return std::make_shared<Tensor>(std::move(shape), values.data());
+}
+
+Properties declaredProperties(Fields const& kinds)
+{
+    Properties properties = engineProperties(modelPath("double"));
+    properties.setParam("PredictionOutput", kinds);
+    return properties;
+}
+
+TEST_F(TorchEngineTest, TensorSetGoesInStackedAndComesBackPerSample)
+{
+    auto engine = makeEngine(declaredProperties({"Tensor"}));
+    ASSERT_NE(engine, nullptr);
+    auto set = std::make_shared<TensorSet>();
+    set->add(floatTensor({2, 3}, 0.0F));
+    set->add(floatTensor({2, 3}, 10.0F));
+    DataItem item;
+    item.set("Input", std::make_shared<TensorSetElement>(set));
+
+    DataItem const prediction = engine->predict(item);
+    auto const* output = prediction.get<TensorSetElement>("Prediction");
+    ASSERT_NE(output, nullptr);
+    ASSERT_EQ(output->tensorSet()->size(), 2U);
+    for (std::size_t i = 0; i < 2; ++i) {
+        Tensor const& tensor = *output->tensorSet()->tensors()[i];
+        EXPECT_EQ(tensor.shape(), (Tensor::Shape{2, 3}));
+        std::vector<float> const values = tensor.toFloatVector();
+        ASSERT_EQ(values.size(), 6U);
+        for (std::size_t v = 0; v < 6; ++v)
+            EXPECT_FLOAT_EQ(values[v], 2.0F * (10.0F * static_cast<float>(i) + static_cast<float>(v)));
+    }
+}
+
+// A declared Tensor output of an image network: one tensor [C, H, W] per frame.
+TEST_F(TorchEngineTest, ImageNetworkWithTensorOutputGivesOneTensorPerFrame)
+{
+    auto engine = makeEngine(declaredProperties({"Tensor"}));
+    ASSERT_NE(engine, nullptr);
+    DataItem item;
+    item.set("Input", makeBatch({4, 3, 1}, 2, 3));
+    DataItem const prediction = engine->predict(item);
+    auto const* output = prediction.get<TensorSetElement>("Prediction");
+    ASSERT_NE(output, nullptr);
+    ASSERT_EQ(output->tensorSet()->size(), 3U);
+    Tensor const& last = *output->tensorSet()->tensors()[2];
+    EXPECT_EQ(last.shape(), (Tensor::Shape{2, 3, 4}));
+    // Channel-first now: element 1 is channel 0 of the second pixel (interleaved value 2) and
+    // element 12 = 3 · 4 is channel 1 of the first pixel (interleaved value 1).
+    std::vector<float> const values = last.toFloatVector();
+    EXPECT_FLOAT_EQ(values[1], static_cast<float>(2.0 * originalValue(2, 2)));
+    EXPECT_FLOAT_EQ(values[12], static_cast<float>(2.0 * originalValue(2, 1)));
+}
+
+struct KindErrorCase
+{
+    char const* name;
+    char const* kind;
+    bool vectorInput; // else an image
+    char const* message;
+};
+
+void PrintTo(KindErrorCase const& param, std::ostream* out)
+{
+    *out << param.name;
+}
+
+class TorchEngineKindErrorTest : public TorchEngineTest, public ::testing::WithParamInterface<KindErrorCase>
+{};
+
+TEST_P(TorchEngineKindErrorTest, NamesFieldKindAndShape)
+{
+    KindErrorCase const& param = GetParam();
+    auto engine = makeEngine(declaredProperties({param.kind}));
+    ASSERT_NE(engine, nullptr);
+    DataItem item;
+    if (param.vectorInput) {
+        auto vectors = std::make_shared<SharedImageSet>();
+        vectors->add(std::shared_ptr<Image>(TypedImage<float>::zeros(Eigen::Vector3i(1, 1, 1), 3)));
+        item.set("Input", vectors);
+    } else {
+        item.set("Input", makeBatch({4, 3, 1}, 1, 1));
+    }
+    MLTest::expectThrowWithMessage<EngineException>([&] { engine->predict(item); },
+                                                    "Output field 'Prediction'" + std::string(param.message));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, TorchEngineKindErrorTest,
+    ::testing::Values(KindErrorCase{"ImageDeclaredVector", "Vector", false,
+                                    " of TorchScript model '" VELMORIA_TORCH_MODELS_DIR
+                                    "/double.pt' is declared Vector but is a "
+                                    "tensor of shape [1, 1, 3, 4]; expected [n, C] or [n]"},
+                      KindErrorCase{"VectorDeclaredImage", "Image", true,
+                                    " of TorchScript model '" VELMORIA_TORCH_MODELS_DIR
+                                    "/double.pt' is declared Image but is a "
+                                    "tensor of shape [1, 3]; expected [n, C, H, W] or [n, C, D, H, W]"},
+                      KindErrorCase{"KeypointsAreNotAnOutputOfThisEngine", "Keypoints", false,
+                                    ": the torch engine cannot give Keypoints outputs"},
+                      KindErrorCase{"UnknownKind", "Mesh", false, " has an unknown PredictionOutput 'Mesh'"}),
+    [](auto const& info) { return std::string(info.param.name); });
+
+TEST_F(TorchEngineTest, TensorsOfDifferentShapesAreNotStacked)
+{
+    auto engine = makeEngine(declaredProperties({"Tensor"}));
+    ASSERT_NE(engine, nullptr);
+    auto set = std::make_shared<TensorSet>();
+    set->add(floatTensor({2, 3}, 0.0F));
+    set->add(floatTensor({3, 2}, 0.0F));
+    DataItem item;
+    item.set("Input", std::make_shared<TensorSetElement>(set));
+    MLTest::expectThrowWithMessage<EngineException>(
+        [&] { engine->predict(item); },
+        "Input field 'Input': tensor 1 of shape [3, 2] cannot be stacked with "
+        "tensor 0 of shape [2, 3] (shapes and types must agree)");
 }
 
 TEST_F(TorchEngineTest, NegativeThreadCountIsRefused)

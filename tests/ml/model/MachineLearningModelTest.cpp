@@ -384,6 +384,18 @@ TEST_F(MachineLearningModelTest, BatchModeWarnsThatItDoesNotSplit)
                                    kCategory));
 }
 
+// The engine learns the declared kind of each output field, so that it can shape its result.
+TEST_F(MachineLearningModelTest, EngineReceivesTheDeclaredOutputKinds)
+{
+    auto model = load("Version: 8\nPredictionOutput: [Image, Tensor]\nEngine:\n  Name: mlm_doubler\n"
+                      "  ModelFile: net.pt\n  OutputFields: [Prediction, Scores]\n");
+    ASSERT_NE(model, nullptr);
+    ASSERT_NE(model->engine(), nullptr);
+    std::vector<std::string> kinds;
+    ASSERT_TRUE(model->engine()->config.engineSpecificParams.param("PredictionOutput", kinds));
+    EXPECT_EQ(kinds, (std::vector<std::string>{"Image", "Tensor"}));
+}
+
 TEST_F(MachineLearningModelTest, RecombinationWithoutSplitFailsToLoad)
 {
     auto const result = MachineLearningModel::createWithStatus(
