@@ -87,6 +87,18 @@ protected:
     {
         return makeInitializedEngine<TorchEngine>(properties);
     }
+
+    // The doubling network, run on one 4 x 3 frame, gives twice the first original value.
+    static void expectDoublesOneFrame(TorchEngine& engine)
+    {
+        DataItem item;
+        item.set("Input", makeBatch({4, 3, 1}, 1, 1));
+        DataItem const prediction = engine.predict(item);
+        auto const* output = prediction.get<ImageElement>("Prediction");
+        ASSERT_NE(output, nullptr);
+        EXPECT_FLOAT_EQ(MLTest::firstValue(*output->sis()->get(0)),
+                        static_cast<float>(2.0 * originalValue(0, 0)));
+    }
 };
 
 // ---- Shapes: 2D and 3D images, one frame and several ----------------------------------------
@@ -511,13 +523,7 @@ TEST_F(TorchEngineTest, ForceCPUKeepsAWorkingNetworkOnTheCPU)
     engine->p_forceCPU = true;
     EXPECT_TRUE(engine->config.p_forceCPU.value());
     EXPECT_EQ(engine->deviceName(), "cpu");
-    DataItem item;
-    item.set("Input", makeBatch({4, 3, 1}, 1, 1));
-    DataItem const prediction = engine->predict(item);
-    auto const* output = prediction.get<ImageElement>("Prediction");
-    ASSERT_NE(output, nullptr);
-    EXPECT_FLOAT_EQ(MLTest::firstValue(*output->sis()->get(0)),
-                    static_cast<float>(2.0 * originalValue(0, 0)));
+    expectDoublesOneFrame(*engine);
 }
 
 // The network's bytes may come from a resource repository (a plug-in or application shipping the
@@ -534,13 +540,7 @@ TEST_F(TorchEngineTest, LoadsTheNetworkFromAResource)
     ASSERT_NE(engine, nullptr);
     ASSERT_TRUE(engine->isLoaded());
 
-    DataItem item;
-    item.set("Input", makeBatch({4, 3, 1}, 1, 1));
-    DataItem const prediction = engine->predict(item);
-    auto const* output = prediction.get<ImageElement>("Prediction");
-    ASSERT_NE(output, nullptr);
-    EXPECT_FLOAT_EQ(MLTest::firstValue(*output->sis()->get(0)),
-                    static_cast<float>(2.0 * originalValue(0, 0)));
+    expectDoublesOneFrame(*engine);
 }
 
 // Without a CUDA device half precision cannot apply: the network runs in float32, keeps its
