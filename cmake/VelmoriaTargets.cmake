@@ -19,6 +19,10 @@ if(VELMORIA_SANITIZE_ADDRESS)
 elseif(VELMORIA_SANITIZE_THREAD)
   set(VELMORIA_SANITIZER_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
 endif()
+# Coverage (scripts/coverage): gcov instrumentation of our own targets; lcov reads the counters.
+if(VELMORIA_COVERAGE)
+  list(APPEND VELMORIA_SANITIZER_FLAGS --coverage)
+endif()
 
 # velmoria_target_defaults(<target>): warnings as errors and the chosen sanitizer.
 function(velmoria_target_defaults target)
@@ -28,27 +32,40 @@ function(velmoria_target_defaults target)
   endif()
 endfunction()
 
-# velmoria_add_test_suite(<name> SOURCES ... LIBRARIES ...): one GoogleTest executable per
-# folder of tests/, each test case registered with CTest on its own.
-function(velmoria_add_test_suite name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES" ${ARGN})
-  add_executable(${name} ${ARG_SOURCES})
+# velmoria_add_test_folder(<folder> [NAME <target>] LIBRARIES ...): one GoogleTest executable
+# for every *Test.cpp under tests/<folder> (subfolders included), named after the folder
+# (host/core -> host_core_tests). Each test case is registered with CTest on its own, so
+# `ctest -R Properties` and `ctest -j` work per case. Shared helpers of a folder live in
+# tests/<folder>/*.h or tests/common/.
+function(velmoria_add_test_folder folder)
+  cmake_parse_arguments(ARG "" "NAME" "LIBRARIES" ${ARGN})
+  file(GLOB_RECURSE test_files CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/${folder}/*Test.cpp)
+  string(REPLACE "/" "_" name ${folder})
+  set(name ${name}_tests)
+  if(ARG_NAME)
+    set(name ${ARG_NAME})
+  endif()
+  add_executable(${name} ${test_files})
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   velmoria_target_defaults(${name})
   target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gtest GTest::gmock GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+  # Discovery lists the cases when ctest starts (not at build time, so a build never fails on a
+  # test program that crashes); the test names carry no executable prefix, so `ctest -R` takes
+  # the GoogleTest suite and case names as they are written.
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 DISCOVERY_MODE PRE_TEST
     PROPERTIES ENVIRONMENT "VELMORIA_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
 endfunction()
 
-# velmoria_add_test_folder(<folder> LIBRARIES ...): a test suite for every *Test.cpp of
-# tests/<folder>. Shared helpers of a folder live in tests/<folder>/*.h or tests/common.
-function(velmoria_add_test_folder folder)
-  cmake_parse_arguments(ARG "" "" "LIBRARIES" ${ARGN})
-  file(GLOB test_files CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/${folder}/*Test.cpp)
-  string(REPLACE "/" "_" prefix ${folder})
-  foreach(test_file ${test_files})
-    get_filename_component(test_name ${test_file} NAME_WE)
-    velmoria_add_test_suite(${prefix}_${test_name} SOURCES ${test_file} LIBRARIES ${ARG_LIBRARIES})
-  endforeach()
+# velmoria_bundle_plugin(<target>): a plug-in that ships with the host. Applications look for
+# such plug-ins in lib/velmoria/plugins beside libVelmoriaHost (PluginManager::bundledFolder);
+# the build folder gets the same layout through a link, so a built and an installed velmoria
+# find them the same way. Installing is cmake/VelmoriaInstall.cmake's job.
+function(velmoria_bundle_plugin target)
+  set(folder ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/velmoria/plugins)
+  add_custom_command(TARGET ${target} POST_BUILD
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${folder}
+    COMMAND ${CMAKE_COMMAND} -E create_symlink ../../$<TARGET_LINKER_FILE_NAME:${target}>
+            ${folder}/$<TARGET_LINKER_FILE_NAME:${target}>
+    VERBATIM)
 endfunction()

@@ -3,7 +3,8 @@
 
 Run with the system Python and Debian's python3-torch (the same LibTorch the engine links):
     /usr/bin/python3 scripts/make_torch_test_models.py
-The models are a few hundred bytes of code and no weights, so they are committed as they are.
+The models are a few hundred bytes of code and at most a few kB of weights, so they are committed
+as they are.
 """
 import os
 from typing import Dict, List, Tuple
@@ -55,10 +56,56 @@ class VolumeOnly(torch.nn.Module):
         return x
 
 
+class ConvNet(torch.nn.Module):
+    """A small 3D network of the U-Net kind (convolution, batch norm, ReLU, twice, then a 1x1x1
+    head) with fixed random weights: what freezing and optimising for inference rewrites."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        torch.manual_seed(7)
+        self.body = torch.nn.Sequential(
+            torch.nn.Conv3d(1, 4, 3, padding=1), torch.nn.BatchNorm3d(4), torch.nn.ReLU(),
+            torch.nn.Conv3d(4, 4, 3, padding=1), torch.nn.BatchNorm3d(4), torch.nn.ReLU())
+        self.head = torch.nn.Conv3d(4, 2, 1)
+        for norm in (self.body[1], self.body[4]):
+            norm.running_mean.uniform_(-0.5, 0.5)
+            norm.running_var.uniform_(0.5, 2.0)
+        self.eval()
+
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
+        return self.head(self.body(x))
+
+
+@torch.jit.interface
+class Block(torch.nn.Module):
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
+        pass
+
+
+class AddOne(torch.nn.Module):
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
+        return x + 1.0
+
+
+class Swappable(torch.nn.Module):
+    """Keeps an interface-typed block that it may swap while running; such a module cannot be
+    frozen, so the engine must run it as loaded. Returns x + 1."""
+    block: Block
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.block = AddOne()
+
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
+        self.block = self.block
+        return self.block.forward(x)
+
+
 def main() -> None:
     os.makedirs(OUT, exist_ok=True)
     for name, module in [("double", Double()), ("dict_output", DictOutput()),
-                         ("tuple_output", TupleOutput()), ("vector_sum", VectorSum()), ("volume_only", VolumeOnly())]:
+                         ("tuple_output", TupleOutput()), ("vector_sum", VectorSum()), ("volume_only", VolumeOnly()),
+                         ("conv_net", ConvNet()), ("swappable", Swappable())]:
         torch.jit.script(module).save(os.path.join(OUT, name + ".pt"))
 
 

@@ -33,19 +33,14 @@ std::optional<std::vector<ML::Operation::Specs>> loadSpecs(std::string const& pa
     try {
         if (section.empty())
             return ML::propertyToProcessingSpecs(*tree);
-        auto const* list = tree->findSubProperties(section);
-        if (!list) {
-            std::vector<std::string> sections;
-            for (auto const* sub : tree->subProperties())
-                sections.push_back(sub->name());
-            VELMORIA_LOG_ERROR(kCategory, "The processing list '{}' has no section '{}'; it has: {}", path,
-                               section,
-                               sections.empty() ? std::string("none") : String::join(sections, ", "));
-            return std::nullopt;
-        }
-        // A section is a named tree whose sub-trees are the operations; read as a named tree it
-        // would be one operation of the section's name.
-        return ML::propertyListToProcessingSpecs(list->subProperties());
+        if (auto specs = ML::namedProcessingList(*tree, section))
+            return specs;
+        std::vector<std::string> sections;
+        for (auto const* sub : tree->subProperties())
+            sections.push_back(sub->name());
+        VELMORIA_LOG_ERROR(kCategory, "The processing list '{}' has no section '{}'; it has: {}", path,
+                           section, sections.empty() ? std::string("none") : String::join(sections, ", "));
+        return std::nullopt;
     } catch (std::exception const& e) {
         VELMORIA_LOG_ERROR(kCategory, "The processing list '{}' is not valid: {}", path, e.what());
         return std::nullopt;

@@ -32,7 +32,7 @@ int run(int argc, char** argv)
     app.require_subcommand(1);
 
     GlobalOptions options;
-    options.installFolder = VELMORIA_DEFAULT_PLUGIN_DIR;
+    options.installFolder = Velmoria::PluginManager::bundledFolder();
     addGlobalOptions(app, options);
     InfoCommand info(app);
     PredictCommand predict(app);

@@ -166,6 +166,9 @@ struct TorchEngine::Impl
     torch::Device device = torch::kCPU;
     // The network's and its inputs' floating-point type: float16 only on a CUDA device.
     torch::ScalarType precision = torch::kFloat32;
+    // Frozen networks hold their weights as graph constants: they cannot be moved to another
+    // device, only loaded again.
+    bool frozen = false;
 };
 
 TorchEngine::TorchEngine()
@@ -231,9 +234,28 @@ bool TorchEngine::loadModel()
         VELMORIA_LOG_ERROR(kLog, "Model file '{}' is not a TorchScript model: {}", file, torchMessage(e));
         return false;
     }
-    VELMORIA_LOG_DEBUG(kLog, "Loaded TorchScript model '{}' on {} ({})", file, deviceName(),
-                       m_impl->precision == torch::kFloat16 ? "float16" : "float32");
+    prepareForInference();
+    VELMORIA_LOG_DEBUG(kLog, "Loaded TorchScript model '{}' on {} ({}{})", file, deviceName(),
+                       m_impl->precision == torch::kFloat16 ? "float16" : "float32",
+                       m_impl->frozen ? ", frozen and optimised for inference" : "");
     return true;
+}
+
+void TorchEngine::prepareForInference()
+{
+    m_impl->frozen = false;
+    if (!p_optimizeForInference.value())
+        return;
+    try {
+        // freeze needs a module in eval mode (done above); optimize_for_inference works on the
+        // frozen graph and leaves the original module untouched when it throws.
+        torch::jit::Module frozen = torch::jit::freeze(*m_impl->module);
+        m_impl->module = torch::jit::optimize_for_inference(frozen);
+        m_impl->frozen = true;
+    } catch (std::exception const& e) {
+        VELMORIA_LOG_INFO(kLog, "Model '{}' runs as loaded: it cannot be optimised for inference ({})",
+                          p_modelFile.value(), torchMessage(e));
+    }
 }
 
 void TorchEngine::onModelFileChanged()
@@ -245,6 +267,10 @@ void TorchEngine::onForceCPUChanged()
 {
     if (!m_impl->module)
         return;
+    if (m_impl->frozen) {
+        loadModel();
+        return;
+    }
     chooseDevice();
     m_impl->module->to(m_impl->device, m_impl->precision);
 }

@@ -35,7 +35,12 @@
 // core; it is a process-wide setting of LibTorch). "ForceCPU" keeps the network on the CPU; a
 // CUDA device is used otherwise when LibTorch has one. "HalfPrecision" (false) runs the network
 // and its inputs in float16 on a CUDA device; the CPU always runs float32 (a log line says so
-// when half precision was asked for). Outputs are float32 either way.
+// when half precision was asked for). Outputs are float32 either way. "OptimizeForInference"
+// (true) prepares the network once per load: torch::jit::freeze folds its weights and attributes
+// into constants, then torch::jit::optimize_for_inference fuses convolutions with batch norms and
+// activations and, on the CPU, runs them through oneDNN (about twice as fast for 3D U-Nets). A
+// network that cannot be frozen (one that mutates its own attributes, say) runs as loaded, with
+// one information line; false always runs it as loaded.
 //
 // predict() runs under c10::InferenceMode and throws EngineException for inputs it cannot map,
 // a network that fails (the message names the model file and the input shapes) and outputs it
@@ -72,6 +77,7 @@ public:
 
     Parameter<int> p_numThreads{"NumThreads", 0, this};
     Parameter<bool> p_halfPrecision{"HalfPrecision", false, this};
+    Parameter<bool> p_optimizeForInference{"OptimizeForInference", true, this};
     // The model's "PredictionOutput", one entry per output field (the driver passes it along).
     Parameter<std::vector<std::string>> p_predictionOutput{"PredictionOutput", {}, this};
 
@@ -79,6 +85,9 @@ private:
     // Loads the network named by "ModelFile" onto the current device; false (logged) on failure,
     // which leaves no network loaded.
     bool loadModel();
+    // Freezes and optimises the loaded network for inference when asked to; keeps it as loaded
+    // (logged) when that fails.
+    void prepareForInference();
     // The device and precision from "ForceCPU", "HalfPrecision" and what LibTorch offers.
     void chooseDevice();
     // The declared kind of an output field; none when the model declared nothing for it.

@@ -1,5 +1,6 @@
 #include "host/io/ItkImageIO.h"
 
+#include <fcntl.h>
 #include <gdcmTrace.h>
 #include <itkGDCMImageIO.h>
 #include <itkGDCMImageIOFactory.h>
@@ -13,11 +14,14 @@
 #include <itkNrrdImageIOFactory.h>
 #include <itkPNGImageIOFactory.h>
 #include <itkTIFFImageIOFactory.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <numeric>
@@ -441,6 +445,106 @@ auto guarded(std::string& why, F&& f) -> decltype(f())
     return {};
 }
 
+// Why a file cannot be written at `path` at all (its folder is missing, not a folder or not
+// writable); empty when it can be tried.
+std::string whyFolderUnusable(std::filesystem::path const& path)
+{
+    std::filesystem::path const folder = path.has_parent_path() ? path.parent_path() : ".";
+    std::error_code error;
+    if (!std::filesystem::exists(folder, error))
+        return "the folder '" + folder.string() + "' does not exist";
+    if (!std::filesystem::is_directory(folder, error))
+        return "'" + folder.string() + "' is not a folder";
+    if (::access(folder.c_str(), W_OK) != 0)
+        return "the folder '" + folder.string() + "' is not writable (" + std::strerror(errno) + ")";
+    if (std::filesystem::is_directory(path, error))
+        return "a folder of that name exists";
+    return {};
+}
+
+// The file's extension as ITK chooses its writer by it: ".nii.gz" counts whole.
+std::string fullExtension(std::filesystem::path const& path)
+{
+    std::string const extension = path.extension().string();
+    if (extension == ".gz" || extension == ".bz2")
+        return path.stem().extension().string() + extension;
+    return extension;
+}
+
+// Formats whose header names a second file after itself (MetaImage's .mhd with its .raw,
+// Analyze/NIfTI pairs): written in place, since a renamed header would point at a data file of
+// the temporary name.
+bool isFilePair(std::string const& extension)
+{
+    return extension == ".mhd" || extension == ".hdr" || extension == ".img" || extension == ".img.gz";
+}
+
+// Flushes a written file to the disk before it replaces the old one.
+bool syncFile(std::filesystem::path const& path)
+{
+    int const fd = ::open(path.c_str(), O_RDONLY);
+    if (fd < 0)
+        return false;
+    bool const ok = ::fsync(fd) == 0;
+    ::close(fd);
+    return ok;
+}
+
+// Writes through `write` into a temporary file beside `path` and renames it over `path` only when
+// the writer succeeded and left a non-empty file: some writers (niftilib) report failures on
+// standard error only and return normally. The old file survives any failure.
+bool writeReplacing(std::string const& path, std::string& why,
+                    std::function<bool(std::string const&)> const& write)
+{
+    std::filesystem::path const target(path);
+    why = whyFolderUnusable(target);
+    if (!why.empty())
+        return false;
+    std::string const extension = fullExtension(target);
+    if (isFilePair(extension)) {
+        if (!write(path))
+            return false;
+        std::error_code error;
+        if (!std::filesystem::exists(target, error) || std::filesystem::file_size(target, error) == 0) {
+            why = "the writer reported success but left no file";
+            return false;
+        }
+        return true;
+    }
+    static std::atomic<unsigned> counter{0};
+    std::string const name = target.filename().string();
+    std::filesystem::path const temporary =
+        target.parent_path() / ("." + name.substr(0, name.size() - extension.size()) + ".writing-" +
+                                std::to_string(::getpid()) + "-" + std::to_string(counter++) + extension);
+    std::error_code error;
+    bool ok = false;
+    try {
+        ok = write(temporary.string());
+    } catch (...) {
+        std::filesystem::remove(temporary, error);
+        throw;
+    }
+    if (ok &&
+        (!std::filesystem::exists(temporary, error) || std::filesystem::file_size(temporary, error) == 0)) {
+        why = "the writer reported success but left no file";
+        ok = false;
+    }
+    if (ok && !syncFile(temporary)) {
+        why = std::string("the file could not be flushed to disk: ") + std::strerror(errno);
+        ok = false;
+    }
+    if (ok) {
+        std::filesystem::rename(temporary, target, error);
+        if (error) {
+            why = "the finished file could not replace '" + path + "': " + error.message();
+            ok = false;
+        }
+    }
+    if (!ok)
+        std::filesystem::remove(temporary, error);
+    return ok;
+}
+
 } // namespace
 
 bool readFile(std::string const& path, BufferFunction const& buffer, std::string& why)
@@ -461,7 +565,10 @@ bool readDicomSeries(std::string const& folder, std::string const& series, Buffe
 
 bool writeFile(std::string const& path, FileHeader const& header, void const* values, std::string& why)
 {
-    return guarded(why, [&] { return writeUnguarded(path, header, values, why); });
+    return guarded(why, [&] {
+        return writeReplacing(
+            path, why, [&](std::string const& file) { return writeUnguarded(file, header, values, why); });
+    });
 }
 
 } // namespace Velmoria::ImageFiles::Detail

@@ -6,11 +6,13 @@
 #include "host/plugin/PluginOrder.h"
 #include "host/plugin/SharedLibrary.h"
 
+#include <dlfcn.h>
 #include <fmt/core.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <set>
 #include <system_error>
 
@@ -110,6 +112,19 @@ PluginManager::searchFolders(std::vector<std::string> const& commandLineFolders,
     if (!installFolder.empty())
         folders.push_back({installFolder, FolderOrigin::Install});
     return folders;
+}
+
+std::string PluginManager::bundledFolder()
+{
+    // dladdr names the file this function was loaded from, whatever the loader's search found.
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&PluginManager::bundledFolder), &info) == 0 || !info.dli_fname)
+        return {};
+    std::error_code error;
+    auto const library = std::filesystem::canonical(info.dli_fname, error);
+    if (error)
+        return {};
+    return (library.parent_path() / "velmoria" / "plugins").string();
 }
 
 std::string PluginManager::describe(FolderOrigin origin)

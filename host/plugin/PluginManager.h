@@ -111,6 +111,11 @@ public:
                                              std::string const& installFolder);
     // "given on the command line", "from VELMORIA_PLUGIN_PATH", "the install folder".
     static std::string describe(FolderOrigin origin);
+    // The folder of the plug-ins that ship with the host: "velmoria/plugins" beside the host
+    // library itself (<prefix>/lib/velmoria/plugins once installed; the build folder mirrors that
+    // layout). Found from the loaded library, so an installed prefix can move and applications
+    // and programs built on the installed package need no path of their own.
+    static std::string bundledFolder();
 
     PluginManager();
     ~PluginManager();

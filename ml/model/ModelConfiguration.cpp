@@ -311,10 +311,10 @@ void ModelConfiguration::configureOrThrow(Properties const& properties)
             return fail(result.message.value_or(""));
     }
 
-    if (Properties const* list = properties.findSubProperties("PreProcessing"))
-        m_preProcessing = propertyListToProcessingSpecs(list->subProperties());
-    if (Properties const* list = properties.findSubProperties("PostProcessing"))
-        m_postProcessing = propertyListToProcessingSpecs(list->subProperties());
+    if (auto specs = namedProcessingList(properties, "PreProcessing"))
+        m_preProcessing = std::move(*specs);
+    if (auto specs = namedProcessingList(properties, "PostProcessing"))
+        m_postProcessing = std::move(*specs);
 
     std::size_t const outputCount = engineOutputFields().size();
     std::vector<std::string> texts;

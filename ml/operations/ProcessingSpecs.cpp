@@ -70,6 +70,20 @@ std::vector<Operation::Specs> propertyToProcessingSpecs(Properties const& proper
     return propertyListToProcessingSpecs(properties.subProperties());
 }
 
+std::optional<std::vector<Operation::Specs>> namedProcessingList(Properties const& tree,
+                                                                 std::string const& key)
+{
+    if (Properties const* list = tree.findSubProperties(key))
+        return propertyListToProcessingSpecs(list->subProperties());
+    std::vector<std::string> names;
+    if (!tree.contains(key) || !tree.param(key, names))
+        return std::nullopt;
+    std::vector<Operation::Specs> specs;
+    for (std::string const& name : names)
+        specs.push_back({name, Properties(name), Phase::Always});
+    return specs;
+}
+
 std::vector<std::unique_ptr<Properties>>
 processingSpecsToPropertyList(std::vector<Operation::Specs> const& specs)
 {

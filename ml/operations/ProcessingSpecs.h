@@ -17,6 +17,8 @@
 #include "host/core/Properties.h"
 
 #include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 namespace Velmoria::ML {
@@ -29,6 +31,14 @@ std::vector<Operation::Specs> propertyListToProcessingSpecs(std::vector<Properti
 // A named tree: the one spec of that name (phase Always). A tree without a name: the list of its
 // sub-trees, as above.
 std::vector<Operation::Specs> propertyToProcessingSpecs(Properties const& properties);
+
+// The processing list under `key` of `tree` (a model's "PreProcessing", a section of a processing
+// file), in either form YAML gives it: a sequence of operations (sub-trees), or the short form of
+// bare operation names ("- MakeFloat", or one name as a scalar), which YAML reads as a value list
+// and which would otherwise be lost without a word. Each bare name is an operation with its
+// defaults, run Always. nullopt when `tree` has no such key.
+std::optional<std::vector<Operation::Specs>> namedProcessingList(Properties const& tree,
+                                                                 std::string const& key);
 
 // One tree per spec, named after it: its configuration plus "phase" (phaseToString).
 std::vector<std::unique_ptr<Properties>>

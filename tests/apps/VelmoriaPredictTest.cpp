@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <ostream>
 
@@ -178,6 +179,11 @@ INSTANTIATE_TEST_SUITE_P(
         ProcessCase{"NamedFields", kTwoSteps, {"--phase", "always", "--seed", "7"}, doubledAndClipped},
         ProcessCase{"Section", kSections, {"--section", "second"}, doubledAndClipped},
         ProcessCase{"OtherSection", kSections, {"--section", "first"}, [](double x) { return 3 * x; }},
+        // The short form of bare names is a list of operations with their defaults, not a value.
+        ProcessCase{"ShortFormSection",
+                    "short:\n  - Clip\n",
+                    {"--section", "short"},
+                    [](double x) { return std::min(std::max(x, 0.0), 1.0); }},
         ProcessCase{"InferenceSkipsTraining", kTrainingOnly, {}, [](double x) { return 2 * x; }},
         ProcessCase{"TrainingPhase", kTrainingOnly, {"--phase", "Training"}, [](double x) { return 10 * x; }},
         ProcessCase{"LabelIsATarget", kTwoSteps, {}, doubledAndClipped, true}),
@@ -303,6 +309,13 @@ INSTANTIATE_TEST_SUITE_P(
                     processArguments({"--input", "{dir}/input.nii", "--output", "mask={dir}/out.nii"}),
                     1,
                     {"No field 'mask' to write to '{dir}/out.nii'; the result has: image"}},
+        // A writer that cannot write says so and the run fails, whatever the image library
+        // reports on its own.
+        CommandCase{"OutputFolderMissing",
+                    processArguments({"--input", "{dir}/input.nii", "--output", "{dir}/nowhere/out.nii"}),
+                    1,
+                    {"Could not write image file '{dir}/nowhere/out.nii': the folder '{dir}/nowhere' does "
+                     "not exist"}},
         CommandCase{"FieldTwice",
                     processArguments({"--input", "image={dir}/input.nii", "--input", "image={dir}/labels.nii",
                                       "--output", "{dir}/out.nii"}),
@@ -343,6 +356,11 @@ INSTANTIATE_TEST_SUITE_P(
                     1,
                     {"Could not read file '{dir}/absent.nii' for field 'Input'"},
                     true},
+        CommandCase{"PredictionFolderMissing",
+                    predictArguments({"--input", "{dir}/input.nii", "--output", "{dir}/nowhere/out.nii.gz"}),
+                    1,
+                    {"the folder '{dir}/nowhere' does not exist"},
+                    true},
         CommandCase{"TooManyInputs",
                     predictArguments({"--input", "{dir}/input.nii", "--input", "{dir}/labels.nii", "--output",
                                       "{dir}/out.nii"}),
@@ -361,14 +379,26 @@ TEST_P(VelmoriaPredictTest, DoublesTheImageAndKeepsItsGeometry)
 #ifndef VELMORIA_TEST_HAS_TORCH
     GTEST_SKIP() << "The torch engine plug-in is not built (LibTorch was not found)";
 #endif
+    // The same model with the short form of a processing list: "PostProcessing: [Clip]" clips
+    // the doubled values to [0, 1].
+    writeText("short-form.yaml",
+              "Version: 8\nName: doubler\nType: NeuralNetwork\nPredictionOutput: [Image]\n"
+              "Engine:\n  Name: torch\n  ModelFile: " VELMORIA_TORCH_MODELS_DIR "/double.pt\n"
+              "  ForceCPU: true\n  InputFields: [Input]\n  OutputFields: [Prediction]\n"
+              "PostProcessing:\n  - Clip\n");
+    bool const clipped = GetParam().name == "ShortFormPostProcessing";
     auto const run = velmoria(GetParam().arguments);
     ASSERT_EQ(run.exitCode, 0) << run.err;
     auto const values = readValues(path("out.nii"));
     ASSERT_EQ(values.size(), static_cast<std::size_t>(kCount));
     auto const input = inputValues();
     for (int i = 0; i < kCount; ++i)
-        EXPECT_FLOAT_EQ(values[i], 2 * input[i]) << "voxel " << i;
+        EXPECT_FLOAT_EQ(values[i], clipped ? std::min(std::max(2 * input[i], 0.0), 1.0) : 2 * input[i])
+            << "voxel " << i;
     expectSameGeometry(path("out.nii"));
+    // Files are written under a temporary name and renamed: none of those may stay behind.
+    for (auto const& entry : std::filesystem::directory_iterator(m_folder.path().stdPath()))
+        EXPECT_EQ(entry.path().filename().string().find(".writing-"), std::string::npos) << entry.path();
     for (auto const& fragment : GetParam().errContains)
         EXPECT_TRUE(String::contains(run.err, fragment)) << fragment << "\nstderr:\n" << run.err;
 }
@@ -378,6 +408,10 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         CommandCase{"DefaultFields",
                     predictArguments({"--input", "{dir}/input.nii", "--output", "{dir}/out.nii"}), 0},
+        CommandCase{"ShortFormPostProcessing",
+                    {"predict", "--model", "{dir}/short-form.yaml", "--input", "{dir}/input.nii", "--output",
+                     "{dir}/out.nii"},
+                    0},
         CommandCase{"NamedFields",
                     predictArguments({"--input", "Input={dir}/input.nii", "--output",
                                       "Prediction={dir}/out.nii", "--force-cpu", "--no-progress"}),

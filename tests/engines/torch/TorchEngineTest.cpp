@@ -23,6 +23,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -568,6 +570,54 @@ TEST_F(TorchEngineTest, HalfPrecisionOnTheCPURunsFloat32AndSaysSo)
     auto const* output = prediction.get<ImageElement>("Prediction");
     ASSERT_NE(output, nullptr);
     EXPECT_EQ(MLTest::firstValue(*output->sis()->get(0)), 2002.0F);
+}
+
+// ---- Preparing the network for inference ------------------------------------------------------
+
+// Freezing and oneDNN fusion rewrite the graph (batch norms folded into convolutions): the
+// results must stay those of the network as loaded, to float rounding.
+TEST_F(TorchEngineTest, OptimisedNetworkGivesTheResultsOfTheNetworkAsLoaded)
+{
+    auto run = [](bool optimise) {
+        Properties properties = engineProperties(modelPath("conv_net"));
+        properties.setParam("OptimizeForInference", optimise);
+        auto engine = makeEngine(properties);
+        EXPECT_NE(engine, nullptr);
+        DataItem item;
+        item.set("Input", makeBatch({12, 10, 8}, 1, 2));
+        DataItem prediction = engine->predict(item);
+        return prediction.get<ImageElement>("Prediction")->sis();
+    };
+    auto const optimised = run(true);
+    auto const asLoaded = run(false);
+    ASSERT_EQ(optimised->size(), 2);
+    for (int f = 0; f < 2; ++f) {
+        auto const* a = static_cast<float const*>(optimised->get(f)->mem()->data());
+        auto const* b = static_cast<float const*>(asLoaded->get(f)->mem()->data());
+        ASSERT_EQ(optimised->get(f)->channels(), 2);
+        std::size_t const count = optimised->get(f)->mem()->valueCount();
+        double maxError = 0.0;
+        for (std::size_t i = 0; i < count; ++i)
+            maxError =
+                std::max(maxError, std::abs(double(a[i]) - b[i]) / std::max(1.0, std::abs(double(b[i]))));
+        EXPECT_LT(maxError, 1e-4) << "frame " << f;
+    }
+}
+
+// A module that swaps an interface-typed block while running cannot be frozen: it still runs,
+// as loaded, and says why once.
+TEST_F(TorchEngineTest, NetworkThatCannotBeFrozenRunsAsLoaded)
+{
+    Log::Capture capture;
+    auto engine = makeEngine(engineProperties(modelPath("swappable")));
+    ASSERT_NE(engine, nullptr);
+    EXPECT_TRUE(capture.containsFragment("Model '" + modelPath("swappable") +
+                                         "' runs as loaded: it cannot be optimised for inference"));
+    DataItem item;
+    item.set("Input", makeBatch({4, 3, 1}, 1, 1));
+    DataItem const prediction = engine->predict(item);
+    EXPECT_FLOAT_EQ(MLTest::firstValue(*prediction.get<ImageElement>("Prediction")->sis()->get(0)),
+                    static_cast<float>(originalValue(0, 0) + 1.0));
 }
 
 TEST_F(TorchEngineTest, PluginRegistersTheEngineUnderTorch)
