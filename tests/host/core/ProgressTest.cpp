@@ -4,13 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdio>
 #include <memory>
-#include <mutex>
-#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 using namespace Velmoria;
@@ -19,32 +15,12 @@ using TaskInfo = Progress::TaskInfo;
 
 namespace {
 
-// Records every hook call, from any thread.
+// Records every hook call as "S1:outer 0/3 p0 d0": Started, Changed or Ended, then id,
+// description, steps, parent id and depth.
 class RecordingProgress : public Progress
 {
 public:
-    struct Event
-    {
-        char kind; // 'S'tarted, 'C'hanged, 'E'nded
-        TaskInfo task;
-    };
-
-    std::vector<Event> events() const
-    {
-        std::lock_guard lock(m_mutex);
-        return m_events;
-    }
-    // A compact trace: "S1:outer 0/3 p0 d0".
-    std::vector<std::string> trace() const
-    {
-        std::vector<std::string> lines;
-        for (Event const& event : events())
-            lines.push_back(std::string(1, event.kind) + std::to_string(event.task.id) + ":" +
-                            event.task.description + " " + std::to_string(event.task.currentStep) + "/" +
-                            std::to_string(event.task.totalSteps) + " p" +
-                            std::to_string(event.task.parentId) + " d" + std::to_string(event.task.depth));
-        return lines;
-    }
+    std::vector<std::string> const& trace() const { return m_trace; }
 
 protected:
     void onTaskStarted(TaskInfo const& task) override { record('S', task); }
@@ -54,30 +30,26 @@ protected:
 private:
     void record(char kind, TaskInfo const& task)
     {
-        std::lock_guard lock(m_mutex);
-        m_events.push_back({kind, task});
+        m_trace.push_back(std::string(1, kind) + std::to_string(task.id) + ":" + task.description + " " +
+                          std::to_string(task.currentStep) + "/" + std::to_string(task.totalSteps) + " p" +
+                          std::to_string(task.parentId) + " d" + std::to_string(task.depth));
     }
 
-    mutable std::mutex m_mutex;
-    std::vector<Event> m_events;
+    std::vector<std::string> m_trace;
 };
 
-class ProgressTest : public ::testing::Test
+TEST(Progress, StepsAndNestingReachTheHooks)
 {
-protected:
     RecordingProgress progress;
-};
-
-} // namespace
-
-TEST_F(ProgressTest, StepsAndNestingReachTheHooks)
-{
     {
         Task outer = progress.addTask(3, "outer");
         {
             Task inner(&progress, 2, "inner");
-            EXPECT_EQ(progress.activeTasks().size(), 2u);
             inner.incrementStep();
+            std::vector<TaskInfo> const active = progress.activeTasks(); // a snapshot in start order
+            ASSERT_EQ(active.size(), 2u);
+            EXPECT_EQ(active[1].description, "inner");
+            EXPECT_DOUBLE_EQ(active[1].fraction(), 0.5);
             inner.setDescription("inner b");
             inner.incrementStep();
         }
@@ -87,153 +59,64 @@ TEST_F(ProgressTest, StepsAndNestingReachTheHooks)
         outer.setSteps(3, 3);
     }
     EXPECT_EQ(progress.trace(), (std::vector<std::string>{
-                                    "S1:outer 0/3 p0 d0",
-                                    "S2:inner 0/2 p1 d1",
-                                    "C2:inner 1/2 p1 d1",
-                                    "C2:inner b 1/2 p1 d1",
-                                    "C2:inner b 2/2 p1 d1",
-                                    "E2:inner b 2/2 p1 d1",
-                                    "C1:outer 1/3 p0 d0",
-                                    "S3:sibling 0/0 p1 d1",
-                                    "C3:sibling 5/0 p1 d1",
-                                    "C1:outer 3/3 p0 d0",
-                                    "E3:sibling 5/0 p1 d1",
-                                    "E1:outer 3/3 p0 d0",
-                                }));
+                                    "S1:outer 0/3 p0 d0", "S2:inner 0/2 p1 d1", "C2:inner 1/2 p1 d1",
+                                    "C2:inner b 1/2 p1 d1", "C2:inner b 2/2 p1 d1", "E2:inner b 2/2 p1 d1",
+                                    "C1:outer 1/3 p0 d0", "S3:sibling 0/0 p1 d1", "C3:sibling 5/0 p1 d1",
+                                    "C1:outer 3/3 p0 d0", "E3:sibling 5/0 p1 d1", "E1:outer 3/3 p0 d0"}));
     EXPECT_TRUE(progress.activeTasks().empty());
 }
 
-TEST_F(ProgressTest, ActiveTasksIsASnapshotInStartOrder)
+TEST(ProgressTask, StepsAreKeptInRange)
 {
-    Task a = progress.addTask(10, "a");
-    Task b = progress.addTask(4, "b");
-    b.setSteps(2, 4);
-    std::vector<TaskInfo> const tasks = progress.activeTasks();
-    ASSERT_EQ(tasks.size(), 2u);
-    EXPECT_EQ(tasks[0].description, "a");
-    EXPECT_EQ(tasks[1].description, "b");
-    EXPECT_EQ(tasks[1].currentStep, 2);
-    EXPECT_DOUBLE_EQ(tasks[1].fraction(), 0.5);
-    a.end(); // ending out of order leaves the other running
-    ASSERT_EQ(progress.activeTasks().size(), 1u);
-    EXPECT_EQ(progress.activeTasks()[0].id, b.id());
-    EXPECT_EQ(a.id(), 0);
+    // A task without a Progress counts the same way as one with.
+    Task task(nullptr, 3, "t");
+    task.incrementStep(5);
+    EXPECT_EQ(task.currentStep(), 3) << "an increment stops at the total";
+    task.incrementStep(-7);
+    EXPECT_EQ(task.currentStep(), 0) << "and a negative one at zero";
+    task.setSteps(9, 4);
+    EXPECT_EQ(task.currentStep(), 4);
+    task.setSteps(-2, 4);
+    EXPECT_EQ(task.currentStep(), 0);
+    task.setSteps(8, 10);
+    task.setSteps(task.currentStep(), 5);
+    EXPECT_EQ(task.currentStep(), 5) << "a shrinking total clamps the current step";
+    EXPECT_FALSE(task.wasCanceled());
+
+    Task unknown(nullptr, -5, "t");
+    EXPECT_EQ(unknown.totalSteps(), 0) << "a negative total is unknown";
+    unknown.setSteps(2147483000, 0);
+    unknown.incrementStep(2000);
+    EXPECT_EQ(unknown.currentStep(), 2147483647) << "an unknown length does not overflow";
 }
 
-namespace {
-
-struct StepCase
+TEST(Progress, ReportsThatChangeNothingCallNoHookAndMovedTasksEndOnce)
 {
-    char const* name;
-    int initialTotal;
-    void (*apply)(Task&);
-    int current;
-    int total;
-};
-
-class ProgressSteps : public ::testing::TestWithParam<StepCase>
-{};
-
-} // namespace
-
-TEST_P(ProgressSteps, AreKeptInRangeAndReachTheSnapshot)
-{
-    StepCase const& step = GetParam();
     RecordingProgress progress;
-    Task task = progress.addTask(step.initialTotal, "t");
-    step.apply(task);
-    EXPECT_EQ(task.currentStep(), step.current);
-    EXPECT_EQ(task.totalSteps(), step.total);
-    ASSERT_EQ(progress.activeTasks().size(), 1u);
-    EXPECT_EQ(progress.activeTasks()[0].currentStep, step.current);
-    EXPECT_EQ(progress.activeTasks()[0].totalSteps, step.total);
-
-    // The same operations on a task without a Progress count the same way.
-    Task detached(nullptr, step.initialTotal, "t");
-    step.apply(detached);
-    EXPECT_EQ(detached.currentStep(), step.current);
-    EXPECT_EQ(detached.totalSteps(), step.total);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, ProgressSteps,
-    ::testing::Values(StepCase{"IncrementStopsAtTotal", 3, [](Task& t) { t.incrementStep(5); }, 3, 3},
-                      StepCase{"NegativeIncrementStopsAtZero", 3,
-                               [](Task& t) {
-                                   t.incrementStep(2);
-                                   t.incrementStep(-7);
-                               },
-                               0, 3},
-                      StepCase{"SetStepsClampsCurrent", 3, [](Task& t) { t.setSteps(9, 4); }, 4, 4},
-                      StepCase{"SetStepsNegativeCurrent", 3, [](Task& t) { t.setSteps(-2, 4); }, 0, 4},
-                      StepCase{"NegativeTotalIsUnknown", -5, [](Task& t) { t.incrementStep(7); }, 7, 0},
-                      StepCase{"UnknownLengthDoesNotOverflow", 0,
-                               [](Task& t) {
-                                   t.setSteps(2147483000, 0);
-                                   t.incrementStep(2000);
-                               },
-                               2147483647, 0},
-                      StepCase{"ShrinkingTotalClampsCurrent", 10,
-                               [](Task& t) {
-                                   t.incrementStep(8);
-                                   t.setSteps(t.currentStep(), 5);
-                               },
-                               5, 5}),
-    [](::testing::TestParamInfo<StepCase> const& info) { return std::string(info.param.name); });
-
-TEST_F(ProgressTest, ReportsThatChangeNothingCallNoHook)
-{
-    Task task = progress.addTask(2, "same");
-    task.incrementStep(0);
-    task.setDescription("same");
-    task.setSteps(0, 2);
-    task.incrementStep(2);
-    task.incrementStep(); // already at the end
-    std::vector<std::string> const trace = progress.trace();
-    EXPECT_EQ(trace, (std::vector<std::string>{"S1:same 0/2 p0 d0", "C1:same 2/2 p0 d0"}));
-}
-
-TEST_F(ProgressTest, MovedTasksEndExactlyOnce)
-{
     Task first = progress.addTask(1, "first");
     Task moved = std::move(first);
     EXPECT_EQ(first.id(), 0);
     first.incrementStep(); // a moved-from task reports nothing
     Task second = progress.addTask(1, "second");
+    second.incrementStep(0);
+    second.setDescription("second");
+    second.setSteps(0, 1);
     second = std::move(moved); // ends "second", then carries "first"
-    EXPECT_EQ(second.description(), "first");
+    second.incrementStep(2);
+    second.incrementStep(); // already at the end
     second.end();
     second.end();
-    int ends = 0;
-    std::set<int> endedIds;
-    for (auto const& event : progress.events()) {
-        if (event.kind == 'E') {
-            ++ends;
-            endedIds.insert(event.task.id);
-        }
-        EXPECT_NE(event.kind, 'C');
-    }
-    EXPECT_EQ(ends, 2);
-    EXPECT_EQ(endedIds, (std::set<int>{1, 2}));
+    EXPECT_EQ(progress.trace(),
+              (std::vector<std::string>{"S1:first 0/1 p0 d0", "S2:second 0/1 p1 d1", "E2:second 0/1 p1 d1",
+                                        "C1:first 1/1 p0 d0", "E1:first 1/1 p0 d0"}));
     EXPECT_TRUE(progress.activeTasks().empty());
 }
 
-TEST(Progress, NullProgressIsANoOp)
+TEST(Progress, CancelReachesEveryTaskAndCanBeReset)
 {
-    Task task(nullptr, 4, "alone");
-    task.incrementStep(3);
-    task.setDescription("still alone");
-    EXPECT_EQ(task.currentStep(), 3);
-    EXPECT_EQ(task.description(), "still alone");
-    EXPECT_EQ(task.id(), 0);
-    EXPECT_FALSE(task.wasCanceled());
-}
-
-TEST_F(ProgressTest, CancelReachesEveryTaskAndCanBeReset)
-{
+    RecordingProgress progress;
     Task outer = progress.addTask(2, "outer");
     Task inner = progress.addTask(2, "inner");
-    EXPECT_FALSE(inner.wasCanceled());
     progress.cancel();
     EXPECT_TRUE(outer.wasCanceled());
     EXPECT_TRUE(inner.wasCanceled());
@@ -243,71 +126,6 @@ TEST_F(ProgressTest, CancelReachesEveryTaskAndCanBeReset)
     progress.resetCanceled();
     EXPECT_FALSE(outer.wasCanceled());
 }
-
-TEST_F(ProgressTest, CancelFromAnotherThreadStopsAPollingWorker)
-{
-    std::atomic<bool> started{false};
-    long long iterations = 0;
-    constexpr long long kLimit = 100'000'000; // a bound, so a lost cancel fails instead of hanging
-    std::thread worker([&] {
-        Task task = progress.addTask(0, "work");
-        while (!task.wasCanceled() && iterations < kLimit) {
-            ++iterations;
-            started.store(true);
-            std::this_thread::yield();
-        }
-    });
-    for (long long spin = 0; !started.load() && spin < kLimit; ++spin)
-        std::this_thread::yield();
-    progress.cancel();
-    worker.join();
-    EXPECT_TRUE(started.load());
-    EXPECT_LT(iterations, kLimit);
-}
-
-TEST_F(ProgressTest, TasksFromSeveralThreadsAreAllStartedAndEnded)
-{
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([this] {
-            for (int i = 0; i < 100; ++i) {
-                Task task = progress.addTask(2, "parallel");
-                task.incrementStep();
-                (void)progress.activeTasks();
-            }
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-    std::set<int> started, ended;
-    for (auto const& event : progress.events()) {
-        if (event.kind == 'S') {
-            EXPECT_TRUE(started.insert(event.task.id).second) << "id " << event.task.id << " started twice";
-        }
-        if (event.kind == 'E') {
-            EXPECT_TRUE(ended.insert(event.task.id).second) << "id " << event.task.id << " ended twice";
-        }
-    }
-    EXPECT_EQ(started.size(), 400u);
-    EXPECT_EQ(started, ended);
-    EXPECT_TRUE(progress.activeTasks().empty());
-}
-
-// ---------------------------------------------------------------------------------------------
-// TextProgress
-
-namespace {
-
-struct BarCase
-{
-    char const* description;
-    int current;
-    int total;
-    int width;
-    char const* text;
-};
-
-class TextProgressBar : public ::testing::TestWithParam<BarCase>
-{};
 
 // Everything a TextProgress wrote into a temporary file.
 std::string readAll(std::FILE* file)
@@ -322,25 +140,27 @@ std::string readAll(std::FILE* file)
 
 using FilePointer = std::unique_ptr<std::FILE, decltype(&std::fclose)>;
 
-} // namespace
-
-TEST_P(TextProgressBar, Formats)
+TEST(TextProgress, FormatsABarOfTheGivenWidth)
 {
-    BarCase const& bar = GetParam();
-    TaskInfo task;
-    task.description = bar.description;
-    task.currentStep = bar.current;
-    task.totalSteps = bar.total;
-    EXPECT_EQ(TextProgress::formatBar(task, bar.width), bar.text);
+    struct Case
+    {
+        char const* description;
+        int current;
+        int total;
+        int width;
+        char const* text;
+    };
+    for (Case const& bar :
+         {Case{"Loading", 5, 10, 10, "Loading [#####     ] 50%"},
+          Case{"Loading", 2, 3, 4, "Loading [##  ] 66%"}, Case{"Done", 7, 7, 5, "Done [#####] 100%"},
+          Case{"", 1, 2, 2, "[# ] 50%"}, Case{"Scanning", 12, 0, 10, "Scanning ..."}}) {
+        TaskInfo task;
+        task.description = bar.description;
+        task.currentStep = bar.current;
+        task.totalSteps = bar.total;
+        EXPECT_EQ(TextProgress::formatBar(task, bar.width), bar.text);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Bars, TextProgressBar,
-                         ::testing::Values(BarCase{"Loading", 5, 10, 10, "Loading [#####     ] 50%"},
-                                           BarCase{"Loading", 0, 3, 4, "Loading [    ] 0%"},
-                                           BarCase{"Loading", 2, 3, 4, "Loading [##  ] 66%"},
-                                           BarCase{"Done", 7, 7, 5, "Done [#####] 100%"},
-                                           BarCase{"", 1, 2, 2, "[# ] 50%"},
-                                           BarCase{"Scanning", 12, 0, 10, "Scanning ..."}));
 
 TEST(TextProgress, LinesStyleWritesOneLinePerTenPercent)
 {
@@ -404,3 +224,5 @@ TEST(TextProgress, WithoutAStreamWarnsAndStaysSilent)
     EXPECT_TRUE(capture.contains("TextProgress has no output stream; progress will not be shown",
                                  "Host.TextProgress"));
 }
+
+} // namespace

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <memory>
@@ -17,97 +18,64 @@ using Threading::ThreadPool;
 
 namespace {
 
-class ThreadPoolSizes : public ::testing::TestWithParam<std::size_t>
-{};
-
-} // namespace
-
-TEST_P(ThreadPoolSizes, RunsEveryTaskAndReturnsResultsThroughFutures)
+TEST(ThreadPool, RunsEveryTaskAndWaitsForWorkSubmittedByWork)
 {
-    ThreadPool pool(GetParam());
-    EXPECT_EQ(pool.size(), GetParam());
-    std::atomic<int> runs{0};
-    std::vector<std::future<long>> futures;
-    for (long i = 0; i < 500; ++i)
-        futures.push_back(pool.submit([i, &runs] {
-            runs.fetch_add(1);
-            return i * i;
-        }));
-    long sum = 0;
-    for (auto& future : futures)
-        sum += future.get();
-    EXPECT_EQ(sum, 499L * 500L * 999L / 6L);
-    EXPECT_EQ(runs.load(), 500);
-}
+    for (std::size_t threads : {1u, 2u, 4u}) {
+        ThreadPool pool(threads);
+        EXPECT_EQ(pool.size(), threads);
+        std::vector<std::future<long>> futures;
+        for (long i = 0; i < 500; ++i)
+            futures.push_back(pool.submit([i] { return i * i; }));
+        long sum = 0;
+        for (auto& future : futures)
+            sum += future.get();
+        EXPECT_EQ(sum, 499L * 500L * 999L / 6L);
 
-TEST_P(ThreadPoolSizes, WaitForAllIncludesWorkSubmittedByWork)
-{
-    ThreadPool pool(GetParam());
-    std::atomic<int> done{0};
-    for (int i = 0; i < 20; ++i)
-        pool.submit([&pool, &done] {
-            for (int j = 0; j < 5; ++j)
-                pool.submit([&done] {
-                    std::this_thread::yield();
-                    done.fetch_add(1);
-                });
-            done.fetch_add(1);
-        });
-    pool.waitForAll();
-    EXPECT_EQ(done.load(), 20 * 6);
-    pool.waitForAll(); // nothing queued: returns at once
-    EXPECT_EQ(done.load(), 20 * 6);
-}
-
-INSTANTIATE_TEST_SUITE_P(Threads, ThreadPoolSizes, ::testing::Values(1u, 2u, 4u));
-
-TEST(ThreadPool, DefaultSizeFollowsTheHardware)
-{
-    ThreadPool pool;
-    EXPECT_EQ(pool.size(), std::max<std::size_t>(1, std::thread::hardware_concurrency()));
+        std::atomic<int> done{0};
+        for (int i = 0; i < 20; ++i)
+            pool.submit([&pool, &done] {
+                for (int j = 0; j < 5; ++j)
+                    pool.submit([&done] { done.fetch_add(1); });
+                done.fetch_add(1);
+            });
+        pool.waitForAll();
+        EXPECT_EQ(done.load(), 20 * 6) << threads << " threads";
+    }
 }
 
 TEST(ThreadPool, ExceptionsTravelThroughTheFutureAndWorkersSurvive)
 {
-    ThreadPool pool(1);
-    std::future<int> failing = pool.submit([]() -> int { throw std::runtime_error("no such file 'a.nii'"); });
+    ThreadPool pool;
+    EXPECT_EQ(pool.size(), std::max<std::size_t>(1, std::thread::hardware_concurrency()));
+    ThreadPool single(1);
+    std::future<int> failing =
+        single.submit([]() -> int { throw std::runtime_error("no such file 'a.nii'"); });
     try {
         failing.get();
         ADD_FAILURE() << "the exception was lost";
     } catch (std::runtime_error const& error) {
         EXPECT_STREQ(error.what(), "no such file 'a.nii'");
     }
-    // The only worker must still be alive to run this.
-    EXPECT_EQ(pool.submit([] { return 7; }).get(), 7);
-}
-
-TEST(ThreadPool, AcceptsMoveOnlyFunctions)
-{
-    ThreadPool pool(2);
+    // The only worker must still be alive to run this; move-only work is accepted.
     auto value = std::make_unique<int>(41);
-    std::future<int> future = pool.submit([value = std::move(value)] { return *value + 1; });
-    EXPECT_EQ(future.get(), 42);
+    EXPECT_EQ(single.submit([value = std::move(value)] { return *value + 1; }).get(), 42);
 }
 
 TEST(ThreadPool, DestructorFinishesQueuedWork)
 {
     std::atomic<int> done{0};
     std::promise<void> gate;
-    std::vector<std::future<void>> futures;
     {
         ThreadPool pool(1);
-        std::shared_future<void> opened = gate.get_future().share();
-        futures.push_back(pool.submit([opened, &done] {
+        pool.submit([opened = gate.get_future().share(), &done] {
             opened.wait();
             done.fetch_add(1);
-        }));
+        });
         for (int i = 0; i < 100; ++i)
-            futures.push_back(pool.submit([&done] { done.fetch_add(1); }));
+            pool.submit([&done] { done.fetch_add(1); });
         gate.set_value(); // most of the queue is still waiting when the pool is destroyed
     }
     EXPECT_EQ(done.load(), 101);
-    for (auto& future : futures)
-        EXPECT_EQ(future.wait_for(std::chrono::seconds(0)), std::future_status::ready);
 }
 
 TEST(ThreadPool, WaitForAllFromAWorkerReturnsWithAnError)
@@ -126,49 +94,33 @@ TEST(ThreadPool, WaitForAllFromAWorkerReturnsWithAnError)
                          "Host.ThreadPool"));
 }
 
-TEST(ThreadPool, WorkersAreNamedAfterThePool)
+TEST(ThreadPool, WorkersAndThreadsAreNamedWithinFifteenBytes)
 {
+    struct Case
+    {
+        std::string requested;
+        std::string expected;
+    };
+    for (Case const& test :
+         {Case{"exactly15bytes!", "exactly15bytes!"}, Case{"a-much-longer-thread-name", "a-much-longer-t"},
+          // 14 ASCII bytes, then a two-byte character that does not fit whole.
+          Case{"abcdefghijklmn\xC3\xA9xyz", "abcdefghijklmn"},
+          // 13 ASCII bytes and the same character, which fits.
+          Case{"abcdefghijklm\xC3\xA9xyz", "abcdefghijklm\xC3\xA9"},
+          Case{std::string("with\0nul", 8), "with"}}) {
+        // On a thread of its own, so the test runner's main thread keeps its name.
+        bool accepted = false;
+        std::string seen;
+        std::thread thread([&] {
+            accepted = Threading::setCurrentThreadName(test.requested);
+            seen = Threading::currentThreadName();
+        });
+        thread.join();
+        EXPECT_TRUE(accepted);
+        EXPECT_EQ(seen, test.expected);
+    }
     ThreadPool pool(1, "Loader");
     EXPECT_EQ(pool.submit([] { return Threading::currentThreadName(); }).get(), "Loader-0");
-    ThreadPool longNamed(1, "AVeryLongPoolName");
-    EXPECT_EQ(longNamed.submit([] { return Threading::currentThreadName(); }).get(), "AVeryLongPoolNa");
 }
-
-// ---------------------------------------------------------------------------------------------
-
-namespace {
-
-struct ThreadNameCase
-{
-    std::string requested;
-    std::string expected;
-};
-
-class ThreadNames : public ::testing::TestWithParam<ThreadNameCase>
-{};
 
 } // namespace
-
-TEST_P(ThreadNames, AreSetAndCutToFifteenBytes)
-{
-    // On a thread of its own, so the test runner's main thread keeps its name.
-    bool accepted = false;
-    std::string seen;
-    std::thread thread([&] {
-        accepted = Threading::setCurrentThreadName(GetParam().requested);
-        seen = Threading::currentThreadName();
-    });
-    thread.join();
-    EXPECT_TRUE(accepted);
-    EXPECT_EQ(seen, GetParam().expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Names, ThreadNames,
-    ::testing::Values(ThreadNameCase{"short", "short"}, ThreadNameCase{"exactly15bytes!", "exactly15bytes!"},
-                      ThreadNameCase{"a-much-longer-thread-name", "a-much-longer-t"},
-                      // 14 ASCII bytes, then a two-byte character that does not fit whole.
-                      ThreadNameCase{"abcdefghijklmn\xC3\xA9xyz", "abcdefghijklmn"},
-                      // 13 ASCII bytes and the same character, which fits.
-                      ThreadNameCase{"abcdefghijklm\xC3\xA9xyz", "abcdefghijklm\xC3\xA9"},
-                      ThreadNameCase{std::string("with\0nul", 8), "with"}));
