@@ -52,3 +52,19 @@ std::shared_ptr<SharedImage> placedFrame(Eigen::Vector3i const& size, int channe
 }
 
 } // namespace Velmoria::MLTest
+
+namespace Velmoria::MLTest {
+
+// Runs `function` and expects an exception of type Exception whose text contains `fragment`.
+template <class Exception, class Function>
+void expectThrowContaining(Function&& function, std::string const& fragment)
+{
+    try {
+        function();
+        ADD_FAILURE() << "expected an exception containing: " << fragment;
+    } catch (Exception const& e) {
+        EXPECT_NE(std::string(e.what()).find(fragment), std::string::npos) << e.what();
+    }
+}
+
+} // namespace Velmoria::MLTest

@@ -1,3 +1,6 @@
+// Algorithm factories and the registry: descriptors from registerAlgorithm, selection by
+// createCompatible, IO algorithms found by file name, and the registry's factory order.
+
 #include "host/algorithm/AlgorithmFactory.h"
 
 #include "host/algorithm/FactoryRegistry.h"
@@ -74,19 +77,19 @@ protected:
         factory.registerAlgorithm<XyzLoader>("XyzIo", "IO;XYZ");
     }
 
+    static std::vector<std::string> ids(std::vector<AlgorithmFactory::Descriptor const*> const& descriptors)
+    {
+        std::vector<std::string> result;
+        for (auto const* d : descriptors)
+            result.push_back(d->id);
+        return result;
+    }
+
     AlgorithmFactory factory;
     PointCloud cloud{3, false, "cloud"};
     Mesh mesh1{"m1"};
     Mesh mesh2{"m2"};
 };
-
-std::vector<std::string> ids(std::vector<AlgorithmFactory::Descriptor const*> const& descriptors)
-{
-    std::vector<std::string> result;
-    for (auto const* d : descriptors)
-        result.push_back(d->id);
-    return result;
-}
 
 } // namespace
 
@@ -102,9 +105,7 @@ TEST_F(AlgorithmFactoryTest, DescriptorsRecordMenuAttributesAndIo)
     ASSERT_NE(meshDescriptor, nullptr);
     EXPECT_EQ(meshDescriptor->menuLevels, (std::vector<std::string>{"Meshes", "Batch", "Smooth"}));
     EXPECT_EQ(meshDescriptor->attributes.value(), 3u);
-    int iterations = 0;
-    EXPECT_TRUE(meshDescriptor->properties.param("iterations", iterations));
-    EXPECT_EQ(iterations, 3);
+    EXPECT_EQ(meshDescriptor->properties.paramOr("iterations", 0), 3);
 
     EXPECT_EQ(factory.algorithmDescriptor("XyzIo", false), nullptr);
     ASSERT_NE(factory.algorithmDescriptor("XyzIo", true), nullptr);
@@ -112,34 +113,22 @@ TEST_F(AlgorithmFactoryTest, DescriptorsRecordMenuAttributesAndIo)
     EXPECT_EQ(ids(factory.ioAlgorithmDescriptors()), (std::vector<std::string>{"XyzIo"}));
 }
 
-struct CompatibilityCase
+TEST_F(AlgorithmFactoryTest, SelectsByCreateCompatible)
 {
-    std::string name;
-    std::vector<int> items; // 0 = cloud, 1 = mesh1, 2 = mesh2
-    std::vector<std::string> expected;
-};
-
-class AlgorithmFactoryCompatibility : public AlgorithmFactoryTest,
-                                      public ::testing::WithParamInterface<CompatibilityCase>
-{};
-
-TEST_P(AlgorithmFactoryCompatibility, SelectsByCreateCompatible)
-{
-    Data* all[] = {&cloud, &mesh1, &mesh2};
-    DataList data;
-    for (int i : GetParam().items)
-        data.add(all[i]);
-    EXPECT_EQ(ids(factory.compatibleDescriptors(data)), GetParam().expected);
-    for (auto const& id : GetParam().expected)
-        EXPECT_NE(factory.instantiateAlgorithm(id, data), nullptr) << id;
+    struct Row
+    {
+        DataList data;
+        std::vector<std::string> expected;
+    };
+    for (Row const& row : {Row{{&cloud}, {"Cloud"}}, Row{{&mesh1, &mesh2}, {"Meshes"}},
+                           Row{{&cloud, &mesh1}, {}}, Row{{}, {}}}) {
+        SCOPED_TRACE(::testing::PrintToString(row.expected) + " for " + std::to_string(row.data.size()) +
+                     " items");
+        EXPECT_EQ(ids(factory.compatibleDescriptors(row.data)), row.expected);
+        for (auto const& id : row.expected)
+            EXPECT_NE(factory.instantiateAlgorithm(id, row.data), nullptr) << id;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(AlgorithmFactory, AlgorithmFactoryCompatibility,
-                         ::testing::Values(CompatibilityCase{"cloud", {0}, {"Cloud"}},
-                                           CompatibilityCase{"meshes", {1, 2}, {"Meshes"}},
-                                           CompatibilityCase{"mixed", {0, 1}, {}},
-                                           CompatibilityCase{"nothing", {}, {}}),
-                         [](auto const& info) { return info.param.name; });
 
 TEST_F(AlgorithmFactoryTest, InstantiateRefusesUnknownAndIncompatibleWithLogLines)
 {
@@ -157,24 +146,15 @@ TEST_F(AlgorithmFactoryTest, InstantiateRefusesUnknownAndIncompatibleWithLogLine
     EXPECT_EQ(loader->suggestedSaveFileName(), "data.xyz");
 }
 
-class LoaderPaths : public AlgorithmFactoryTest,
-                    public ::testing::WithParamInterface<std::pair<std::string, bool>>
-{};
-
-TEST_P(LoaderPaths, CompatibleIoDescriptorsByPath)
+TEST_F(AlgorithmFactoryTest, IoDescriptorsAreFoundByFileName)
 {
-    auto found = ids(factory.compatibleIoDescriptors(GetParam().first));
-    EXPECT_EQ(found.size(), GetParam().second ? 1u : 0u) << GetParam().first;
+    for (auto [path, found] :
+         {std::pair{"/data/scan.xyz", true}, std::pair{"SCAN.XYZ.GZ", true}, std::pair{"scan.xyzw", false},
+          std::pair{"folder.xyz/", false}, std::pair{"scan.nii", false}})
+        EXPECT_EQ(factory.compatibleIoDescriptors(path).size(), found ? 1u : 0u) << path;
 }
 
-INSTANTIATE_TEST_SUITE_P(AlgorithmFactory, LoaderPaths,
-                         ::testing::Values(std::pair{std::string("/data/scan.xyz"), true},
-                                           std::pair{std::string("SCAN.XYZ.GZ"), true},
-                                           std::pair{std::string("scan.xyzw"), false},
-                                           std::pair{std::string("folder.xyz/"), false},
-                                           std::pair{std::string("scan.nii"), false}));
-
-TEST_F(AlgorithmFactoryTest, RegistryAsksFactoriesInOrder)
+TEST_F(AlgorithmFactoryTest, RegistryAsksFactoriesInOrderAndForgetsDestroyedOnes)
 {
     AlgorithmFactory other("Other", false);
     other.registerAlgorithm<MeshAlgorithm>("Cloud", "Other;Cloud");
@@ -189,8 +169,7 @@ TEST_F(AlgorithmFactoryTest, RegistryAsksFactoriesInOrder)
         << "the first factory's Cloud wants a cloud";
     other.addAlgorithmFactoryToFront();
     EXPECT_EQ(registry.factories(), (std::vector<AlgorithmFactory*>{&other, &factory}));
-    auto algorithm = registry.instantiateAlgorithm("Cloud", meshes);
-    EXPECT_NE(dynamic_cast<MeshAlgorithm*>(algorithm.get()), nullptr);
+    EXPECT_NE(dynamic_cast<MeshAlgorithm*>(registry.instantiateAlgorithm("Cloud", meshes).get()), nullptr);
 
     EXPECT_EQ(registry.instantiateAlgorithm("Missing", meshes), nullptr);
     EXPECT_TRUE(capture.contains("No factory offers algorithm 'Missing'", "Host.FactoryRegistry"));
@@ -198,15 +177,10 @@ TEST_F(AlgorithmFactoryTest, RegistryAsksFactoriesInOrder)
     EXPECT_EQ(ids(registry.compatibleIoDescriptors("a.xyz")), (std::vector<std::string>{"XyzIo"}));
     EXPECT_EQ(ids(registry.compatibleDescriptors(meshes)), (std::vector<std::string>{"Cloud", "Meshes"}));
     registry.removeFactory(&factory);
-}
-
-TEST(FactoryRegistry, FactoryLeavesTheRegistryWhenDestroyed)
-{
     {
         AlgorithmFactory temporary("Temporary");
         temporary.addAlgorithmFactoryToFront();
-        EXPECT_EQ(FactoryRegistry::get().factories().front(), &temporary);
+        EXPECT_EQ(registry.factories().front(), &temporary);
     }
-    for (AlgorithmFactory* f : FactoryRegistry::get().factories())
-        EXPECT_NE(f->category(), "Temporary");
+    EXPECT_EQ(registry.factories(), (std::vector<AlgorithmFactory*>{&other}));
 }

@@ -1,3 +1,6 @@
+// AlgorithmUtils::execute turns outcomes and exceptions into a status; controllers run
+// algorithms from their form; wide images run in groups of channels.
+
 #include "host/algorithm/AlgorithmUtils.h"
 
 #include "host/algorithm/Controller.h"
@@ -63,52 +66,89 @@ private:
     OwningDataList m_output;
 };
 
-struct ExecuteCase
+class Saver : public IoAlgorithm
 {
-    Behaviour behaviour;
-    int status;
-    std::string log; // fragment expected in the log, empty for none
+public:
+    Saver()
+        : IoAlgorithm(Save, 1)
+    {}
+    std::vector<std::string> supportedLocations() const override { return {"*.vtk"}; }
+    void compute() override
+    {
+        int code = Success;
+        if (location().empty()) {
+            fail(&code, IncompleteInput);
+            lastCode = code;
+            return;
+        }
+        setStatus(Success);
+    }
+    int lastCode = Unknown;
 };
 
-class Execute : public ::testing::TestWithParam<ExecuteCase>
-{};
+// A 2x1 frame whose channel c of pixel x holds 10 * c + x.
+std::shared_ptr<SharedImage> channelRamp(int channels)
+{
+    auto pixels = TypedImage<float>::zeros(Eigen::Vector3i(2, 1, 1), channels);
+    for (int x = 0; x < 2; ++x)
+        for (int c = 0; c < channels; ++c)
+            pixels->setValue(static_cast<float>(10 * c + x), x, 0, 0, c);
+    auto frame = std::make_shared<SharedImage>(std::shared_ptr<Image>(std::move(pixels)));
+    Eigen::Matrix4d matrix = Eigen::Matrix4d::Identity();
+    matrix(1, 3) = 7.0;
+    frame->setMatrixToWorld(matrix);
+    return frame;
+}
+
+// Adds 1 to every value, replacing the frames as a resampler would.
+bool addOne(SharedImageSet& set)
+{
+    std::vector<std::shared_ptr<SharedImage>> frames;
+    for (auto const& frame : set.images()) {
+        auto copy = std::shared_ptr<SharedImage>(frame->clone());
+        auto* typed = static_cast<TypedImage<float>*>(copy->mem());
+        for (std::size_t i = 0; i < typed->valueCount(); ++i)
+            typed->pointer()[i] += 1.0f;
+        frames.push_back(copy);
+    }
+    return set.replaceAll(frames);
+}
 
 } // namespace
 
-TEST_P(Execute, TurnsOutcomesIntoStatus)
+TEST(AlgorithmUtils, ExecuteTurnsOutcomesIntoStatus)
 {
-    Scripted algorithm;
-    algorithm.behaviour = GetParam().behaviour;
-    EXPECT_EQ(algorithm.status(), Algorithm::Unknown);
-    Progress progress;
-    Log::Capture capture;
-    bool ok = AlgorithmUtils::execute(algorithm, &progress);
-    EXPECT_EQ(ok, GetParam().status == Algorithm::Success);
-    EXPECT_EQ(algorithm.status(), GetParam().status) << Algorithm::statusString(algorithm.status());
-    EXPECT_EQ(algorithm.progress(), &progress);
-    if (GetParam().log.empty())
-        EXPECT_TRUE(capture.messages(Log::Error).empty());
-    else
-        EXPECT_TRUE(capture.containsFragment(GetParam().log)) << GetParam().log;
-}
+    struct Row
+    {
+        Behaviour behaviour;
+        int status;
+        std::string log; // fragment expected in the log, empty for none
+    };
+    for (Row const& row : {Row{Behaviour::Succeed, Algorithm::Success, ""},
+                           Row{Behaviour::LeaveUnknown, Algorithm::Success, ""},
+                           Row{Behaviour::SetInvalidInput, Algorithm::InvalidInput, ""},
+                           Row{Behaviour::ThrowRuntime, Algorithm::Error,
+                               "Algorithm (anonymous namespace)::Scripted failed: broken input"},
+                           Row{Behaviour::ThrowBadAlloc, Algorithm::OutOfMemory, "ran out of memory"},
+                           Row{Behaviour::ThrowInt, Algorithm::Error, "failed: unknown exception"}}) {
+        Scripted algorithm;
+        algorithm.behaviour = row.behaviour;
+        SCOPED_TRACE(Algorithm::statusString(row.status));
+        EXPECT_EQ(algorithm.status(), Algorithm::Unknown);
+        Progress progress;
+        Log::Capture capture;
+        EXPECT_EQ(AlgorithmUtils::execute(algorithm, &progress), row.status == Algorithm::Success);
+        EXPECT_EQ(algorithm.status(), row.status) << Algorithm::statusString(algorithm.status());
+        EXPECT_EQ(algorithm.progress(), &progress);
+        if (row.log.empty())
+            EXPECT_TRUE(capture.messages(Log::Error).empty());
+        else
+            EXPECT_TRUE(capture.containsFragment(row.log)) << row.log;
 
-INSTANTIATE_TEST_SUITE_P(
-    AlgorithmUtils, Execute,
-    ::testing::Values(ExecuteCase{Behaviour::Succeed, Algorithm::Success, ""},
-                      ExecuteCase{Behaviour::LeaveUnknown, Algorithm::Success, ""},
-                      ExecuteCase{Behaviour::SetInvalidInput, Algorithm::InvalidInput, ""},
-                      ExecuteCase{Behaviour::ThrowRuntime, Algorithm::Error,
-                                  "Algorithm (anonymous namespace)::Scripted failed: broken input"},
-                      ExecuteCase{Behaviour::ThrowBadAlloc, Algorithm::OutOfMemory, "ran out of memory"},
-                      ExecuteCase{Behaviour::ThrowInt, Algorithm::Error, "failed: unknown exception"}));
-
-TEST(AlgorithmUtils, RerunResetsTheStatus)
-{
-    Scripted algorithm;
-    algorithm.behaviour = Behaviour::SetInvalidInput;
-    EXPECT_FALSE(AlgorithmUtils::execute(algorithm));
-    algorithm.behaviour = Behaviour::LeaveUnknown;
-    EXPECT_TRUE(AlgorithmUtils::execute(algorithm)) << "a stale failure must not survive a rerun";
+        // A stale failure must not survive a rerun.
+        algorithm.behaviour = Behaviour::LeaveUnknown;
+        EXPECT_TRUE(AlgorithmUtils::execute(algorithm));
+    }
     EXPECT_EQ(Algorithm::statusString(Algorithm::Canceled), "Canceled");
     EXPECT_EQ(Algorithm::statusString(1001), "Custom status 1001");
 }
@@ -139,30 +179,6 @@ TEST(DefaultAlgorithmController, FormAndComputeOnChange)
     EXPECT_FALSE(empty.compute());
 }
 
-namespace {
-
-class Saver : public IoAlgorithm
-{
-public:
-    Saver()
-        : IoAlgorithm(Save, 1)
-    {}
-    std::vector<std::string> supportedLocations() const override { return {"*.vtk"}; }
-    void compute() override
-    {
-        int code = Success;
-        if (location().empty()) {
-            fail(&code, IncompleteInput);
-            lastCode = code;
-            return;
-        }
-        setStatus(Success);
-    }
-    int lastCode = Unknown;
-};
-
-} // namespace
-
 TEST(IoAlgorithm, FailSetsBothStatusesAndSaversDoNotLoad)
 {
     Saver saver;
@@ -178,80 +194,40 @@ TEST(IoAlgorithm, FailSetsBothStatusesAndSaversDoNotLoad)
     EXPECT_EQ(controller.algorithm(), &saver);
 }
 
-// ---------------------------------------------------------------------------------------------
-// executeBatchedChannels
-
-namespace {
-
-// A 2x1 frame whose channel c of pixel x holds 10 * c + x.
-std::shared_ptr<Velmoria::SharedImage> channelRamp(int channels)
+TEST(ExecuteBatchedChannels, WideImagesRunInGroupsAndAreWovenBackInOrderOrLeftAlone)
 {
-    auto pixels = Velmoria::TypedImage<float>::zeros(Eigen::Vector3i(2, 1, 1), channels);
-    for (int x = 0; x < 2; ++x)
-        for (int c = 0; c < channels; ++c)
-            pixels->setValue(static_cast<float>(10 * c + x), x, 0, 0, c);
-    auto frame = std::make_shared<Velmoria::SharedImage>(std::shared_ptr<Velmoria::Image>(std::move(pixels)));
-    Eigen::Matrix4d matrix = Eigen::Matrix4d::Identity();
-    matrix(1, 3) = 7.0;
-    frame->setMatrixToWorld(matrix);
-    return frame;
-}
-
-// Adds 1 to every value, replacing the frames as a resampler would.
-bool addOne(Velmoria::SharedImageSet& set)
-{
-    std::vector<std::shared_ptr<Velmoria::SharedImage>> frames;
-    for (auto const& frame : set.images()) {
-        auto copy = std::shared_ptr<Velmoria::SharedImage>(frame->clone());
-        auto* typed = static_cast<Velmoria::TypedImage<float>*>(copy->mem());
-        for (std::size_t i = 0; i < typed->valueCount(); ++i)
-            typed->pointer()[i] += 1.0f;
-        frames.push_back(copy);
-    }
-    return set.replaceAll(frames);
-}
-
-} // namespace
-
-TEST(ExecuteBatchedChannels, NarrowImagesRunInOneStep)
-{
-    Velmoria::SharedImageSet set(channelRamp(3));
+    SharedImageSet narrow(channelRamp(3));
     int calls = 0;
-    EXPECT_TRUE(Velmoria::AlgorithmUtils::executeBatchedChannels(set, [&](Velmoria::SharedImageSet& s) {
+    EXPECT_TRUE(AlgorithmUtils::executeBatchedChannels(narrow, [&](SharedImageSet& s) {
         ++calls;
-        EXPECT_EQ(&s, &set);
+        EXPECT_EQ(&s, &narrow) << "narrow images run in one step";
         return addOne(s);
     }));
     EXPECT_EQ(calls, 1);
-}
 
-TEST(ExecuteBatchedChannels, WideImagesRunInGroupsAndAreWovenBackInOrder)
-{
-    Velmoria::SharedImageSet set;
+    SharedImageSet set;
     set.add(channelRamp(6));
     set.add(channelRamp(6));
     std::vector<int> groupWidths;
-    EXPECT_TRUE(Velmoria::AlgorithmUtils::executeBatchedChannels(set, [&](Velmoria::SharedImageSet& s) {
+    EXPECT_TRUE(AlgorithmUtils::executeBatchedChannels(set, [&](SharedImageSet& s) {
         groupWidths.push_back(s.get(0)->channels());
         return addOne(s);
     }));
     EXPECT_EQ(groupWidths, (std::vector<int>{4, 2, 4, 2}));
     ASSERT_EQ(set.size(), 2);
-    auto const* result = static_cast<Velmoria::TypedImage<float> const*>(set.mem(1));
+    auto const* result = static_cast<TypedImage<float> const*>(set.mem(1));
     ASSERT_EQ(result->channels(), 6);
     for (int c = 0; c < 6; ++c)
         EXPECT_EQ(result->value(1, 0, 0, c), static_cast<float>(10 * c + 1 + 1)) << "channel " << c;
     EXPECT_EQ(set.get(1)->matrixToWorld()(1, 3), 7.0) << "geometry must survive the split into groups";
-}
 
-TEST(ExecuteBatchedChannels, AFailingGroupLeavesTheImagesUnchanged)
-{
-    Velmoria::SharedImageSet set(channelRamp(5));
-    auto original = set.getShared(0);
-    Velmoria::Log::Capture capture;
-    int calls = 0;
-    EXPECT_FALSE(Velmoria::AlgorithmUtils::executeBatchedChannels(
-        set, [&](Velmoria::SharedImageSet& s) { return ++calls == 1 ? addOne(s) : false; }));
-    EXPECT_EQ(set.getShared(0), original);
+    // A failing group leaves the images unchanged.
+    SharedImageSet failing(channelRamp(5));
+    auto original = failing.getShared(0);
+    Log::Capture capture;
+    calls = 0;
+    EXPECT_FALSE(AlgorithmUtils::executeBatchedChannels(
+        failing, [&](SharedImageSet& s) { return ++calls == 1 ? addOne(s) : false; }));
+    EXPECT_EQ(failing.getShared(0), original);
     EXPECT_TRUE(capture.containsFragment("channels 4 to 4 of frame 0"));
 }

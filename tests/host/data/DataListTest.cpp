@@ -1,3 +1,6 @@
+// Data lists (views and owning lists): queries by kind and image modality, extraction that leaves
+// the rest in order; modality names and the world matrices every data item has.
+
 #include "host/data/DataList.h"
 
 #include "host/core/Log.h"
@@ -26,6 +29,16 @@ public:
     Mesh mesh;
 };
 
+std::unique_ptr<SharedImageSet> imageSet(std::string name, Data::Modality modality)
+{
+    auto set = std::make_unique<SharedImageSet>(
+        std::make_shared<SharedImage>(ImageDescriptor(PixelType::UChar, Eigen::Vector3i(2, 2, 1), 1)));
+    set->setName(std::move(name));
+    set->setModality(modality);
+    return set;
+}
+
+// Two point clouds, a mesh, a compound (unnamed) and two image sets.
 class DataListTest : public ::testing::Test
 {
 protected:
@@ -33,44 +46,44 @@ protected:
     {
         owned.add(std::make_unique<PointCloud>(1, false, "p1"));
         owned.add(std::make_unique<Mesh>("m1"));
+        owned.add(imageSet("ct", Data::Modality::CT));
         owned.add(std::make_unique<PointCloud>(2, false, "p2"));
         owned.add(std::make_unique<Pair>());
+        owned.add(imageSet("labels", Data::Modality::Label));
     }
+
+    static std::vector<std::string> names(std::vector<Data*> const& items)
+    {
+        std::vector<std::string> result;
+        for (Data const* d : items)
+            result.push_back(d->name());
+        return result;
+    }
+
     OwningDataList owned;
 };
 
-struct KindCase
-{
-    Data::Kind query;
-    std::vector<std::string> names;
-};
-
-class DataListKinds : public DataListTest, public ::testing::WithParamInterface<KindCase>
-{};
-
 } // namespace
 
-TEST_P(DataListKinds, GetAllFiltersByKindMask)
+TEST_F(DataListTest, GetAllFiltersByKindMask)
 {
-    std::vector<std::string> names;
-    for (Data* d : owned.dataListView().getAll(GetParam().query))
-        names.push_back(d->name());
-    EXPECT_EQ(names, GetParam().names);
+    DataList const view = owned.dataListView();
+    using K = Data::Kind;
+    EXPECT_EQ(names(view.getAll(K::Unknown)),
+              (std::vector<std::string>{"p1", "m1", "ct", "p2", "", "labels"}));
+    EXPECT_EQ(names(view.getAll(K::PointCloud)), (std::vector<std::string>{"p1", "p2"}));
+    EXPECT_EQ(names(view.getAll(K::Mesh)), (std::vector<std::string>{"m1"}));
+    EXPECT_EQ(names(view.getAll(Data::kindMask({K::Mesh, K::Compound}))),
+              (std::vector<std::string>{"m1", ""}));
+    EXPECT_TRUE(view.getAll(K::Graph).empty());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    DataList, DataListKinds,
-    ::testing::Values(KindCase{Data::Kind::Unknown, {"p1", "m1", "p2", ""}},
-                      KindCase{Data::Kind::PointCloud, {"p1", "p2"}}, KindCase{Data::Kind::Mesh, {"m1"}},
-                      KindCase{Data::kindMask({Data::Kind::Mesh, Data::Kind::Compound}), {"m1", ""}},
-                      KindCase{Data::Kind::Image, {}}));
 
 TEST_F(DataListTest, ViewIndexingAndPointClouds)
 {
     DataList view = owned.dataListView();
-    EXPECT_EQ(view.size(), 4);
+    EXPECT_EQ(view.size(), 6);
     EXPECT_EQ(view[1]->name(), "m1");
-    EXPECT_EQ(view.getItem(4), nullptr);
+    EXPECT_EQ(view.getItem(6), nullptr);
     EXPECT_EQ(view[-1], nullptr);
     auto clouds = view.getPointClouds();
     ASSERT_EQ(clouds.size(), 2u);
@@ -79,33 +92,48 @@ TEST_F(DataListTest, ViewIndexingAndPointClouds)
     DataList twice;
     twice.add(view);
     twice.add(twice);
-    EXPECT_EQ(twice.size(), 8);
+    EXPECT_EQ(twice.size(), 12);
     Log::Capture capture;
     twice.add(nullptr);
-    EXPECT_EQ(twice.size(), 8);
+    EXPECT_EQ(twice.size(), 12);
     EXPECT_TRUE(capture.contains("Ignoring a null data item", "Host.DataList"));
 }
 
-TEST_F(DataListTest, ExtractFirstLeavesOthersInPlace)
+TEST_F(DataListTest, ImagesAreSelectedByModality)
+{
+    DataList const view = owned.dataListView();
+    EXPECT_EQ(view.getImages().size(), 2u);
+    EXPECT_EQ(view.getImage()->name(), "ct");
+    EXPECT_EQ(view.getImage(Data::Kind::Unknown, Data::Modality::Label)->name(), "labels");
+    EXPECT_EQ(view.getImage(Data::Kind::Image, Data::Modality::PET), nullptr);
+    EXPECT_TRUE(view.getImages(Data::Kind::PointCloud).empty());
+
+    auto labels = owned.extractFirstImage(Data::Kind::Unknown, Data::Modality::Label);
+    ASSERT_NE(labels, nullptr);
+    EXPECT_EQ(labels->name(), "labels");
+    owned.add(imageSet("mr", Data::Modality::MRI));
+    auto rest = owned.extractAllImages();
+    ASSERT_EQ(rest.size(), 2u);
+    EXPECT_EQ(rest[0]->name(), "ct");
+    EXPECT_EQ(rest[1]->name(), "mr");
+    EXPECT_EQ(owned.size(), 4) << "the other data stays";
+}
+
+TEST_F(DataListTest, ExtractionLeavesTheOthersInOrder)
 {
     auto mesh = owned.extractFirst<Mesh>();
     ASSERT_NE(mesh, nullptr);
     EXPECT_EQ(mesh->name(), "m1");
-    EXPECT_EQ(owned.size(), 3);
     EXPECT_EQ(owned.extractFirst<Mesh>(), nullptr);
     EXPECT_EQ(owned.extractFirst<PointCloud>(Data::Kind::Mesh), nullptr) << "kind and type must both match";
     auto cloud = owned.extractFirst<PointCloud>(Data::Kind::PointCloud);
     ASSERT_NE(cloud, nullptr);
     EXPECT_EQ(cloud->name(), "p1");
-    EXPECT_EQ(owned.getItem(0)->name(), "p2");
-}
+    EXPECT_EQ(owned.getItem(0)->name(), "ct");
 
-TEST_F(DataListTest, ExtractAllAndItem)
-{
     OwningDataList clouds = owned.extractAll(Data::Kind::PointCloud);
-    EXPECT_EQ(clouds.size(), 2);
-    EXPECT_EQ(owned.size(), 2);
-    EXPECT_EQ(owned.getItem(0)->name(), "m1");
+    EXPECT_EQ(clouds.size(), 1);
+    EXPECT_EQ(owned.size(), 3);
     EXPECT_EQ(owned.extractItem(5), nullptr);
     auto pair = owned.extractItem(1);
     ASSERT_NE(pair, nullptr);
@@ -118,33 +146,19 @@ TEST_F(DataListTest, ExtractAllAndItem)
     EXPECT_TRUE(owned.empty());
 }
 
-class ModalityNames : public ::testing::TestWithParam<std::pair<Data::Modality, std::string>>
-{};
-
-TEST_P(ModalityNames, RoundTrip)
+// Modality names are written into files: they must never change.
+TEST(Data, ModalityNamesAndNumbersRoundTrip)
 {
-    auto [modality, name] = GetParam();
-    EXPECT_EQ(Data::modalityString(modality), name);
-    EXPECT_EQ(Data::modalityFromString(name), modality);
-    EXPECT_EQ(Data::modalityFromString(std::to_string(static_cast<int>(modality))), modality);
-}
-
-INSTANTIATE_TEST_SUITE_P(Data, ModalityNames,
-                         ::testing::Values(std::pair{Data::Modality::Unknown, "Unknown"},
-                                           std::pair{Data::Modality::Ultrasound, "Ultrasound"},
-                                           std::pair{Data::Modality::MRI, "MRI"},
-                                           std::pair{Data::Modality::CT, "CT"},
-                                           std::pair{Data::Modality::Label, "Label"},
-                                           std::pair{Data::Modality::Probability, "Probability"}));
-
-TEST(Data, ModalityValuesAreFixed)
-{
-    EXPECT_EQ(static_cast<int>(Data::Modality::Xray), 2);
-    EXPECT_EQ(static_cast<int>(Data::Modality::NuclearMedicine), 5);
-    EXPECT_EQ(static_cast<int>(Data::Modality::Photograph), 7);
-    EXPECT_EQ(static_cast<int>(Data::Modality::Label), 8);
-    EXPECT_EQ(static_cast<int>(Data::Modality::DistanceField), 9);
-    EXPECT_EQ(Data::modalityFromString("mri"), Data::Modality::MRI);
+    using M = Data::Modality;
+    for (auto [modality, name] :
+         {std::pair{M::Unknown, "Unknown"}, std::pair{M::Ultrasound, "Ultrasound"}, std::pair{M::MRI, "MRI"},
+          std::pair{M::CT, "CT"}, std::pair{M::Label, "Label"}, std::pair{M::Probability, "Probability"}}) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(Data::modalityString(modality), name);
+        EXPECT_EQ(Data::modalityFromString(name), modality);
+        EXPECT_EQ(Data::modalityFromString(std::to_string(static_cast<int>(modality))), modality);
+    }
+    EXPECT_EQ(Data::modalityFromString(" mri"), M::MRI);
     Log::Capture capture;
     EXPECT_FALSE(Data::modalityFromString("Sonar").has_value());
     EXPECT_FALSE(Data::modalityFromString("11").has_value());
@@ -166,46 +180,4 @@ TEST(Data, SwapRefusesOtherTypesAndMatricesInvert)
     EXPECT_EQ(cloud.matrixConvention(), 0);
     EXPECT_TRUE(cloud.matrix().isApprox(fromWorld.inverse()));
     EXPECT_DOUBLE_EQ(cloud.matrixToWorld()(0, 3), -5);
-}
-
-// ---------------------------------------------------------------------------------------------
-// Image queries
-
-namespace {
-
-std::unique_ptr<Velmoria::SharedImageSet> imageSet(std::string name, Velmoria::Data::Modality modality)
-{
-    auto set = std::make_unique<Velmoria::SharedImageSet>(std::make_shared<Velmoria::SharedImage>(
-        Velmoria::ImageDescriptor(Velmoria::PixelType::UChar, Eigen::Vector3i(2, 2, 1), 1)));
-    set->setName(std::move(name));
-    set->setModality(modality);
-    return set;
-}
-
-} // namespace
-
-TEST(DataListImages, SelectByModalityAndLeaveOtherDataAlone)
-{
-    using Velmoria::Data;
-    Velmoria::OwningDataList owning;
-    owning.add(imageSet("ct", Data::Modality::CT));
-    owning.add(std::make_unique<Velmoria::PointCloud>(3, false, "points"));
-    owning.add(imageSet("labels", Data::Modality::Label));
-    owning.add(imageSet("mr", Data::Modality::MRI));
-
-    Velmoria::DataList view = owning.dataListView();
-    EXPECT_EQ(view.getImages().size(), 3u);
-    EXPECT_EQ(view.getImage()->name(), "ct");
-    EXPECT_EQ(view.getImage(Data::Kind::Unknown, Data::Modality::Label)->name(), "labels");
-    EXPECT_EQ(view.getImage(Data::Kind::Image, Data::Modality::PET), nullptr);
-    EXPECT_TRUE(view.getImages(Data::Kind::PointCloud).empty());
-
-    auto labels = owning.extractFirstImage(Data::Kind::Unknown, Data::Modality::Label);
-    ASSERT_NE(labels, nullptr);
-    EXPECT_EQ(labels->name(), "labels");
-    auto rest = owning.extractAllImages();
-    ASSERT_EQ(rest.size(), 2u);
-    EXPECT_EQ(rest[0]->name(), "ct");
-    EXPECT_EQ(rest[1]->name(), "mr");
-    EXPECT_EQ(owning.size(), 1) << "the point cloud stays";
 }

@@ -1,13 +1,18 @@
+// Point clouds and the axis-aligned boxes that bound every data item in world coordinates.
+
 #include "host/data/PointCloud.h"
 
 #include "host/core/Log.h"
+#include "host/data/AlignedBox.h"
 
 #include <gtest/gtest.h>
 
 #include <Eigen/LU>
+#include <limits>
 
 using namespace Velmoria;
 using Eigen::Vector3d;
+using Geometry::AlignedBox;
 
 namespace {
 
@@ -18,33 +23,71 @@ std::vector<Vector3d> threePoints()
 
 } // namespace
 
-TEST(PointCloud, ConstructorFlagsAllocateAttributes)
+TEST(AlignedBox, GrowsByPointsAndBoxesAndEmptyBoxesAreEqual)
+{
+    AlignedBox box;
+    EXPECT_TRUE(box.isEmpty());
+    EXPECT_FALSE(box.includesPoint(Vector3d::Zero()));
+    EXPECT_EQ(box.extent(), Vector3d::Zero());
+    EXPECT_EQ(box.center(), Vector3d::Zero());
+    EXPECT_EQ(box, AlignedBox(Vector3d(1, 1, 1), Vector3d(0, 0, 0))) << "all empty boxes are equal";
+
+    box.addPoint(Vector3d(1, 2, 3));
+    EXPECT_FALSE(box.isEmpty());
+    EXPECT_EQ(box, AlignedBox(Vector3d(1, 2, 3), Vector3d(1, 2, 3)));
+    box.addPoint(Vector3d(-1, 5, 3));
+    box.addPoint(Vector3d(std::numeric_limits<double>::quiet_NaN(), 0, 0));
+    box.addBox(AlignedBox());
+    EXPECT_EQ(box, AlignedBox(Vector3d(-1, 2, 3), Vector3d(1, 5, 3)));
+    box.addBox(AlignedBox(Vector3d(0, 0, 0), Vector3d(0, 0, 10)));
+    EXPECT_EQ(box, AlignedBox(Vector3d(-1, 0, 0), Vector3d(1, 5, 10)));
+    EXPECT_EQ(box.extent(), Vector3d(2, 5, 10));
+    EXPECT_EQ(box.center(), Vector3d(0, 2.5, 5));
+}
+
+TEST(AlignedBox, IncludesItsClosedInsideOnly)
+{
+    AlignedBox box(Vector3d(0, 0, 0), Vector3d(1, 2, 3));
+    for (Vector3d const& inside : {Vector3d(0.5, 1, 1.5), Vector3d(0, 0, 0), Vector3d(1, 2, 3)})
+        EXPECT_TRUE(box.includesPoint(inside)) << inside.transpose();
+    for (Vector3d const& outside : {Vector3d(1.0001, 1, 1), Vector3d(0.5, -1e-9, 1), Vector3d(0.5, 1, 3.5)})
+        EXPECT_FALSE(box.includesPoint(outside)) << outside.transpose();
+}
+
+TEST(AlignedBox, TransformedUsesAllCorners)
+{
+    AlignedBox box(Vector3d(0, 0, 0), Vector3d(1, 2, 3));
+    Eigen::Matrix4d m = Eigen::Matrix4d::Identity();
+    // 90 degrees about z, then a shift: x' = -y + 10, y' = x.
+    m.block<3, 3>(0, 0) << 0, -1, 0, 1, 0, 0, 0, 0, 1;
+    m.block<3, 1>(0, 3) << 10, 0, 0;
+    AlignedBox t = box.transformed(m);
+    EXPECT_TRUE(t.min().isApprox(Vector3d(8, 0, 0)));
+    EXPECT_TRUE(t.max().isApprox(Vector3d(10, 1, 3)));
+    EXPECT_TRUE(AlignedBox().transformed(m).isEmpty());
+}
+
+// ---------------------------------------------------------------------------------------------
+
+TEST(PointCloud, ConstructorFlagsAllocateAttributesAndBoundsAreInWorldCoordinates)
 {
     PointCloud counted(4, true, "counted");
     EXPECT_EQ(counted.size(), 4u);
     EXPECT_TRUE(counted.hasNormals());
     EXPECT_FALSE(counted.hasColors());
-    EXPECT_EQ(counted.name(), "counted");
-    EXPECT_EQ(counted.kind(), Data::Kind::PointCloud);
 
-    PointCloud listed(threePoints(), false, true, "listed");
-    EXPECT_FALSE(listed.hasNormals());
-    ASSERT_TRUE(listed.hasColors());
-    EXPECT_EQ(listed.colors().size(), 3u);
-    EXPECT_EQ(listed.points()[1], Vector3d(1, 2, 3));
-}
+    PointCloud cloud(threePoints(), false, true, "listed");
+    EXPECT_FALSE(cloud.hasNormals());
+    ASSERT_TRUE(cloud.hasColors());
+    EXPECT_EQ(cloud.colors().size(), 3u);
 
-TEST(PointCloud, BoundsAreInWorldCoordinates)
-{
-    PointCloud cloud(threePoints(), false, false);
-    EXPECT_EQ(cloud.bounds(), Geometry::AlignedBox(Vector3d(-1, 0, 0), Vector3d(1, 2, 3)));
+    EXPECT_EQ(cloud.bounds(), AlignedBox(Vector3d(-1, 0, 0), Vector3d(1, 2, 3)));
     Eigen::Matrix4d m = Eigen::Matrix4d::Identity();
     m.diagonal().head<3>() = Vector3d(2, 1, 1); // scale x by 2
     m.block<3, 1>(0, 3) = Vector3d(10, 20, 30);
     cloud.setMatrixToWorld(m);
-    auto box = cloud.bounds();
-    EXPECT_TRUE(box.min().isApprox(Vector3d(8, 20, 30)));
-    EXPECT_TRUE(box.max().isApprox(Vector3d(12, 22, 33)));
+    EXPECT_TRUE(cloud.bounds().min().isApprox(Vector3d(8, 20, 30)));
+    EXPECT_TRUE(cloud.bounds().max().isApprox(Vector3d(12, 22, 33)));
     EXPECT_TRUE(cloud.matrixFromWorld().isApprox(m.inverse()));
     EXPECT_TRUE(PointCloud().bounds().isEmpty());
 }
@@ -61,31 +104,23 @@ TEST(PointCloud, AttributeSizesMustMatch)
     EXPECT_FALSE(cloud.setColors(std::vector<Eigen::Vector4f>(1)));
     EXPECT_FALSE(cloud.setPoint(3, Vector3d::Zero()));
 
+    EXPECT_TRUE(cloud.setNormals(std::vector<Vector3d>(3, Vector3d::UnitZ())));
+    EXPECT_TRUE(cloud.setPoint(2, Vector3d(5, 5, 5)));
+    EXPECT_EQ(cloud.points()[2], Vector3d(5, 5, 5));
     EXPECT_TRUE(cloud.setLabels({1, 2, 3}));
     EXPECT_EQ(cloud.labels(), (std::vector<int>{1, 2, 3}));
     EXPECT_TRUE(cloud.setLabels({}));
     EXPECT_FALSE(cloud.hasLabels()) << "an empty vector removes the attribute";
 }
 
-TEST(PointCloud, TakeDataMovesEverythingOut)
+TEST(PointCloud, TakeDataCloneAndSwap)
 {
-    PointCloud cloud(threePoints(), true, false);
-    ASSERT_TRUE(cloud.setLabels({4, 5, 6}));
-    PointCloud::Content content = cloud.takeData();
-    EXPECT_EQ(content.points.size(), 3u);
-    EXPECT_EQ(content.normals.size(), 3u);
-    EXPECT_EQ(content.labels, (std::vector<int>{4, 5, 6}));
-    EXPECT_EQ(cloud.size(), 0u);
-    EXPECT_FALSE(cloud.hasNormals());
-    EXPECT_FALSE(cloud.hasLabels());
-}
-
-TEST(PointCloud, CloneAndSwap)
-{
-    PointCloud a(threePoints(), false, false, "a");
+    PointCloud a(threePoints(), true, false, "a");
+    ASSERT_TRUE(a.setLabels({4, 5, 6}));
     a.setModality(Data::Modality::CT);
     auto copy = a.clone();
     EXPECT_EQ(copy->points(), a.points());
+    EXPECT_EQ(copy->labels(), a.labels());
     EXPECT_EQ(copy->modality(), Data::Modality::CT);
     EXPECT_EQ(copy->name(), "a");
 
@@ -95,4 +130,12 @@ TEST(PointCloud, CloneAndSwap)
     EXPECT_EQ(a.size(), 1u);
     EXPECT_EQ(b.size(), 3u);
     EXPECT_EQ(b.modality(), Data::Modality::CT);
+
+    PointCloud::Content content = b.takeData();
+    EXPECT_EQ(content.points.size(), 3u);
+    EXPECT_EQ(content.normals.size(), 3u);
+    EXPECT_EQ(content.labels, (std::vector<int>{4, 5, 6}));
+    EXPECT_EQ(b.size(), 0u);
+    EXPECT_FALSE(b.hasNormals());
+    EXPECT_FALSE(b.hasLabels());
 }

@@ -1,3 +1,6 @@
+// The components an image set carries: the persistent ones round-trip through properties, the
+// histogram is computed in original intensities and never saved.
+
 #include "host/core/Properties.h"
 #include "host/data/DataComponentList.h"
 #include "host/image/DataSourceComponent.h"
@@ -21,6 +24,7 @@ namespace {
 template <class T>
 void expectRoundTrip(T const& original)
 {
+    EXPECT_TRUE(isPersistent(original));
     Properties written;
     original.configuration(&written);
     T restored;
@@ -35,9 +39,8 @@ TEST(ImageComponents, PersistentComponentsRoundTripThroughProperties)
     DataSourceComponent sources(
         {{"/data/a.nii.gz", "IO.Nifti", 0, "CT 512x512x100"}, {"b.nrrd", "IO.Nrrd", 3, ""}});
     expectRoundTrip(sources);
-
-    DatasetLicenseComponent licences({{"Abdomen", "CC-BY-4.0", "Doe et al. 2024", "https://example.org"}});
-    expectRoundTrip(licences);
+    expectRoundTrip(
+        DatasetLicenseComponent({{"Abdomen", "CC-BY-4.0", "Doe et al. 2024", "https://example.org"}}));
 
     LabelDataComponent labels;
     labels.setLabel(1, "liver", Eigen::Vector4d(1, 0, 0, 1));
@@ -53,17 +56,11 @@ TEST(ImageComponents, PersistentComponentsRoundTripThroughProperties)
     DisplayOptions3d volume;
     volume.p_opacity = 0.25;
     expectRoundTrip(volume);
-}
 
-TEST(ImageComponents, HistogramIsTemporaryTheOthersPersistent)
-{
     EXPECT_FALSE(isPersistent(HistogramDataComponent()));
-    EXPECT_TRUE(isPersistent(DataSourceComponent()));
-    EXPECT_TRUE(isPersistent(LabelDataComponent()));
-    EXPECT_TRUE(isPersistent(DisplayOptions2d()));
 }
 
-TEST(DataSourceComponent, AddingConcatenatesInFrameOrder)
+TEST(ImageComponents, SourcesConcatenateInFrameOrderAndLabelsNameUnknownValues)
 {
     DataSourceComponent a({{"a", "", 0, ""}});
     DataSourceComponent b({{"b", "", 0, ""}, {"c", "", 1, ""}});
@@ -73,10 +70,7 @@ TEST(DataSourceComponent, AddingConcatenatesInFrameOrder)
     EXPECT_EQ(a.sources()[2].filename, "c");
     a += a;
     EXPECT_EQ(a.sources().size(), 6u);
-}
 
-TEST(LabelDataComponent, NamesUnknownValuesByNumber)
-{
     LabelDataComponent labels;
     labels.setLabel(2, "kidney");
     EXPECT_EQ(labels.labelName(2), "kidney");
@@ -100,17 +94,20 @@ TEST(DisplayOptions, GreyRampFollowsLevelWindowAndInvert)
     display.setWindowFromRange(-1000.0, 1000.0);
     EXPECT_DOUBLE_EQ(display.p_level.value(), 0.0);
     EXPECT_DOUBLE_EQ(display.p_window.value(), 2000.0);
-}
 
-TEST(DisplayOptions, ComponentListKeepsOneOfEachKind)
-{
+    // A zero window is a threshold at the level.
+    DisplayOptions3d volume;
+    volume.p_level = 10.0;
+    volume.p_window = 0.0;
+    EXPECT_DOUBLE_EQ(volume.greyValue(9.0), 0.0);
+    EXPECT_DOUBLE_EQ(volume.greyValue(10.0), 1.0);
+
+    // One of each kind in a component list, copied with the list.
     DataComponentList list;
     list.add(std::make_unique<DisplayOptions2d>());
     list.add(std::make_unique<DisplayOptions3d>());
-    auto* second = list.add(std::make_unique<DisplayOptions2d>());
-    second->p_level = 3.0;
+    list.add(std::make_unique<DisplayOptions2d>())->p_level = 3.0;
     EXPECT_EQ(list.size(), 2);
-    EXPECT_EQ(list.get<DisplayOptions2d>()->p_level.value(), 3.0);
     DataComponentList copy(list);
     EXPECT_EQ(copy.get<DisplayOptions2d>()->p_level.value(), 3.0);
     EXPECT_NE(copy.get<DisplayOptions2d>(), list.get<DisplayOptions2d>());
@@ -136,18 +133,15 @@ TEST(HistogramDataComponent, CountsEveryFrameInOriginalIntensitiesAndSkipsNan)
     EXPECT_EQ(histogram.histograms()[1].total(), 6.0) << "NaN values must not be counted";
     EXPECT_NEAR(histogram.percentile(0, 0.5), 3.5, 1e-12);
     EXPECT_TRUE(std::isnan(histogram.percentile(5, 0.5)));
-}
-
-TEST(HistogramDataComponent, UsesShiftAndScale)
-{
-    auto pixels = TypedImage<unsigned short>::zeros(Eigen::Vector3i(2, 1, 1), 1);
-    pixels->pointer()[0] = 0;
-    pixels->pointer()[1] = 2000;
-    pixels->setShiftScale(1000.0, 1.0); // original = stored - 1000
-    SharedImageSet set;
-    set.add(std::shared_ptr<Image>(std::move(pixels)));
-    auto histogram = HistogramDataComponent::compute(set, 2);
-    EXPECT_EQ(histogram.histograms()[0].min, -1000.0);
-    EXPECT_EQ(histogram.histograms()[0].max, 1000.0);
     EXPECT_TRUE(HistogramDataComponent::compute(SharedImageSet(), 8).histograms().empty());
+
+    // Stored 0 and 2000 with original = stored - 1000.
+    auto shifted = TypedImage<unsigned short>::zeros(Eigen::Vector3i(2, 1, 1), 1);
+    shifted->pointer()[1] = 2000;
+    shifted->setShiftScale(1000.0, 1.0);
+    SharedImageSet shiftedSet;
+    shiftedSet.add(std::shared_ptr<Image>(std::move(shifted)));
+    auto const range = HistogramDataComponent::compute(shiftedSet, 2);
+    EXPECT_EQ(range.histograms()[0].min, -1000.0);
+    EXPECT_EQ(range.histograms()[0].max, 1000.0);
 }

@@ -18,16 +18,6 @@ using namespace Velmoria::ProcessingTest;
 
 namespace {
 
-Eigen::Vector3d analyticWorld(Eigen::Matrix4d const& m, Eigen::Vector3i const& dims,
-                              Eigen::Vector3d const& spacing, Eigen::Vector3i const& p)
-{
-    Eigen::Vector4d image;
-    for (int a = 0; a < 3; ++a)
-        image[a] = (p[a] - (dims[a] - 1) / 2.0) * spacing[a];
-    image[3] = 1.0;
-    return (m * image).head<3>();
-}
-
 // Label 1 at (2, 3, 4), label 2 at (6, 5, 4) and (7, 7, 6), label 3 at (1, 1, 1) in a 10 x 9 x 8
 // map placed by testMatrix().
 std::shared_ptr<SharedImageSet> labelMap(std::string const& name = "labels")
@@ -65,7 +55,7 @@ struct BoxCase
 // Test names in failure output (gtest would otherwise dump the bytes, padding included).
 void PrintTo(BoxCase const& c, std::ostream* os)
 {
-    *os << c.labels.size() << " labels, margin " << c.margin;
+    *os << ::testing::PrintToString(c.labels) << ", margin " << c.margin;
 }
 
 class CropLabelBoxTest : public ::testing::TestWithParam<BoxCase>
@@ -96,11 +86,11 @@ TEST_P(CropLabelBoxTest, LabelMapAndCompanionCutToTheBox)
         ASSERT_EQ(out.dimensions(), c.size);
         EXPECT_EQ(out.channels(), in.channels());
         // The last pixel of the box is the same point of the world before and after.
-        Eigen::Vector3i const q = c.size - Eigen::Vector3i::Ones();
-        EXPECT_TRUE(
-            analyticWorld(out.matrixToWorld(), c.size, in.spacing(), q)
-                .isApprox(analyticWorld(in.matrixToWorld(), in.dimensions(), in.spacing(), q + c.offset),
-                          1e-12));
+        Eigen::Vector3d const q = (c.size - Eigen::Vector3i::Ones()).cast<double>();
+        EXPECT_TRUE(analyticWorld(out.matrixToWorld(), c.size, in.spacing(), q)
+                        .isApprox(analyticWorld(in.matrixToWorld(), in.dimensions(), in.spacing(),
+                                                q + c.offset.cast<double>()),
+                                  1e-12));
     }
     auto const& outImage = typed<float>(*outputs[1]->get(0));
     auto const& inImage = typed<float>(*image->get(0));
@@ -119,52 +109,33 @@ INSTANTIATE_TEST_SUITE_P(Boxes, CropLabelBoxTest,
                                            BoxCase{{1, 3}, 0, {1, 1, 1}, {2, 3, 4}},
                                            BoxCase{{3, 9}, 2, {0, 0, 0}, {4, 4, 4}}));
 
-// (reorder, label map position) -> names of the outputs.
-class CropLabelOrderTest : public ::testing::TestWithParam<std::tuple<bool, int, std::vector<std::string>>>
-{};
-
-TEST_P(CropLabelOrderTest, OutputOrder)
+TEST(CropLabelMapTest, OutputOrderFollowsTheLabelMapPositionUnlessReordered)
 {
-    auto const& [reorder, position, expected] = GetParam();
-    auto labels = labelMap("L");
-    auto a = companion("A");
-    auto b = companion("B");
-    CropLabelMapAlgorithm algorithm(labels.get());
-    algorithm.setFurtherInputs({a.get(), b.get()});
-    algorithm.setReorder(reorder);
-    algorithm.setLabelMapPosition(position);
-    algorithm.compute();
-    ASSERT_EQ(algorithm.status(), Algorithm::Success);
-    OwningDataList list = algorithm.takeOutput();
-    ASSERT_EQ(list.size(), 3);
-    std::vector<std::string> names;
-    for (int i = 0; i < list.size(); ++i)
-        names.push_back(list.getItem(i)->name());
-    EXPECT_EQ(names, expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(Orders, CropLabelOrderTest,
-                         ::testing::Values(std::make_tuple(false, 0, std::vector<std::string>{"L", "A", "B"}),
-                                           std::make_tuple(false, 1, std::vector<std::string>{"A", "L", "B"}),
-                                           std::make_tuple(false, 2, std::vector<std::string>{"A", "B", "L"}),
-                                           std::make_tuple(true, 2, std::vector<std::string>{"L", "A", "B"}),
-                                           std::make_tuple(true, 0,
-                                                           std::vector<std::string>{"L", "A", "B"})));
-
-TEST(CropLabelMapTest, ConfiguredFromText)
-{
-    auto labels = labelMap();
-    CropLabelMapAlgorithm algorithm(labels.get());
-    Properties properties;
-    properties.setParam("labelValues", "2");
-    properties.setParam("margin", "1");
-    properties.setParam("reorder", "true");
-    algorithm.configure(&properties);
-    algorithm.compute();
-    ASSERT_EQ(algorithm.status(), Algorithm::Success);
-    EXPECT_EQ(algorithm.boxes()[0].first, Eigen::Vector3i(5, 4, 3));
-    EXPECT_EQ(algorithm.boxes()[0].second, Eigen::Vector3i(4, 5, 5));
-    EXPECT_TRUE(algorithm.p_reorder.value());
+    struct Row
+    {
+        bool reorder;
+        int position;
+        std::vector<std::string> expected;
+    };
+    for (Row const& row :
+         {Row{false, 0, {"L", "A", "B"}}, Row{false, 1, {"A", "L", "B"}}, Row{false, 2, {"A", "B", "L"}},
+          Row{true, 2, {"L", "A", "B"}}, Row{true, 0, {"L", "A", "B"}}}) {
+        SCOPED_TRACE(::testing::PrintToString(row.expected));
+        auto labels = labelMap("L");
+        auto a = companion("A");
+        auto b = companion("B");
+        CropLabelMapAlgorithm algorithm(labels.get());
+        algorithm.setFurtherInputs({a.get(), b.get()});
+        algorithm.setReorder(row.reorder);
+        algorithm.setLabelMapPosition(row.position);
+        algorithm.compute();
+        ASSERT_EQ(algorithm.status(), Algorithm::Success);
+        OwningDataList list = algorithm.takeOutput();
+        std::vector<std::string> names;
+        for (int i = 0; i < list.size(); ++i)
+            names.push_back(list.getItem(i)->name());
+        EXPECT_EQ(names, row.expected);
+    }
 }
 
 TEST(CropLabelMapTest, FrameWithoutLabelsIsKeptWhole)
@@ -183,33 +154,25 @@ TEST(CropLabelMapTest, FrameWithoutLabelsIsKeptWhole)
     EXPECT_TRUE(outputs[0]->get(0)->matrixToWorld().isApprox(testMatrix()));
 }
 
-TEST(CropLabelMapTest, TwoDimensionalMapStaysTwoDimensional)
+TEST(CropLabelMapTest, TwoDimensionalMapConfiguredFromTextStaysTwoDimensional)
 {
     auto pixels = TypedImage<short>::zeros(Eigen::Vector3i(6, 5, 1), 2);
     pixels->setValue(4, 3, 2, 0, 1); // the label sits in the second channel
     SharedImageSet labels(std::make_shared<SharedImage>(std::shared_ptr<Image>(std::move(pixels))));
     CropLabelMapAlgorithm algorithm(&labels);
-    algorithm.setMargin(1);
+    Properties properties;
+    properties.setParam("labelValues", "4");
+    properties.setParam("margin", "1");
+    algorithm.configure(&properties);
     algorithm.compute();
     ASSERT_EQ(algorithm.status(), Algorithm::Success);
     EXPECT_EQ(algorithm.boxes()[0].first, Eigen::Vector3i(2, 1, 0));
     EXPECT_EQ(algorithm.boxes()[0].second, Eigen::Vector3i(3, 3, 1));
 }
 
-struct Refusal
-{
-    char const* name;
-    std::function<void(CropLabelMapAlgorithm&, std::vector<std::shared_ptr<SharedImageSet>>&)> setup;
-    char const* message;
-};
+using CropRefusal = Refusal<CropLabelMapAlgorithm, std::vector<std::shared_ptr<SharedImageSet>>>;
 
-// Test names in failure output (gtest would otherwise dump the bytes, padding included).
-void PrintTo(Refusal const& c, std::ostream* os)
-{
-    *os << c.name;
-}
-
-class CropLabelRefusalTest : public ::testing::TestWithParam<Refusal>
+class CropLabelRefusalTest : public ::testing::TestWithParam<CropRefusal>
 {};
 
 TEST_P(CropLabelRefusalTest, InvalidInputWithMessage)
@@ -218,36 +181,34 @@ TEST_P(CropLabelRefusalTest, InvalidInputWithMessage)
     std::vector<std::shared_ptr<SharedImageSet>> keep;
     CropLabelMapAlgorithm algorithm(labels.get());
     GetParam().setup(algorithm, keep);
-    Log::Capture capture;
-    algorithm.compute();
-    EXPECT_EQ(algorithm.status(), Algorithm::InvalidInput);
+    expectRefused(algorithm, GetParam().message, "Host.CropLabelMapAlgorithm");
     EXPECT_TRUE(algorithm.takeOutputSets().empty());
-    EXPECT_TRUE(capture.contains(GetParam().message, "Host.CropLabelMapAlgorithm")) << capture.messages()[0];
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, CropLabelRefusalTest,
     ::testing::Values(
-        Refusal{"NoLabelMap", [](auto& a, auto&) { a.setLabelMap(nullptr); }, "No label map set"},
-        Refusal{"NegativeMargin", [](auto& a, auto&) { a.setMargin(-1); }, "Margin -1 must not be negative"},
-        Refusal{
+        CropRefusal{"NoLabelMap", [](auto& a, auto&) { a.setLabelMap(nullptr); }, "No label map set"},
+        CropRefusal{"NegativeMargin", [](auto& a, auto&) { a.setMargin(-1); },
+                    "Margin -1 must not be negative"},
+        CropRefusal{
             "SizeMismatch",
             [](auto& a, auto& keep) {
                 keep.push_back(companion("small", {10, 9, 7}));
                 a.addInput(keep.back().get());
             },
             "Frame 0 of further input 0 ('small') has size [10, 9, 7], the label map's frame has [10, 9, 8]"},
-        Refusal{"FrameCount",
-                [](auto& a, auto& keep) {
-                    keep.push_back(companion("two"));
-                    keep.back()->add(companion("x")->getShared(0));
-                    a.addInput(keep.back().get());
-                },
-                "Further input 0 has 2 frames, the label map 'labels' has 1"},
-        Refusal{"NullFurther", [](auto& a, auto&) { a.addInput(nullptr); },
-                "Further input 0 has 0 frames, the label map 'labels' has 1"},
-        Refusal{"Position", [](auto& a, auto&) { a.setLabelMapPosition(2); },
-                "Label map position 2 is outside the 1 inputs"}),
+        CropRefusal{"FrameCount",
+                    [](auto& a, auto& keep) {
+                        keep.push_back(companion("two"));
+                        keep.back()->add(companion("x")->getShared(0));
+                        a.addInput(keep.back().get());
+                    },
+                    "Further input 0 has 2 frames, the label map 'labels' has 1"},
+        CropRefusal{"NullFurther", [](auto& a, auto&) { a.addInput(nullptr); },
+                    "Further input 0 has 0 frames, the label map 'labels' has 1"},
+        CropRefusal{"Position", [](auto& a, auto&) { a.setLabelMapPosition(2); },
+                    "Label map position 2 is outside the 1 inputs"}),
     [](auto const& info) { return std::string(info.param.name); });
 
 } // namespace

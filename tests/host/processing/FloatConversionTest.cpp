@@ -64,30 +64,25 @@ TYPED_TEST(FloatConversionTest, NormalizeMapsIntoUnitRange)
     expectSameGeometry(*frame, *result);
 }
 
-TEST(FloatConversion, NormalizeReachesBothEndsOfAnIntegerType)
+TEST(FloatConversion, NormalizeReachesBothEndsOfAnIntegerTypeKeepsNanAndGivesZeroForAConstantImage)
 {
     auto pixels = TypedImage<short>::zeros(Eigen::Vector3i(3, 1, 1), 1);
     pixels->setValue(std::numeric_limits<short>::lowest(), 0);
     pixels->setValue(std::numeric_limits<short>::max(), 2);
     pixels->setShiftScale(100.0, 2.0); // must not matter
-    SharedImage frame(std::shared_ptr<Image>(std::move(pixels)));
-    auto const result = createFloat(frame, true);
+    auto const result = createFloat(SharedImage(std::shared_ptr<Image>(std::move(pixels))), true);
     ASSERT_NE(result, nullptr);
     EXPECT_FLOAT_EQ(typed<float>(*result).value(0), 0.0F);
     EXPECT_NEAR(typed<float>(*result).value(1), 32768.0 / 65535.0, 1e-6);
     EXPECT_FLOAT_EQ(typed<float>(*result).value(2), 1.0F);
-}
 
-TEST(FloatConversion, NormalizeKeepsNanAndGivesZeroForAConstantImage)
-{
-    auto pixels = TypedImage<double>::zeros(Eigen::Vector3i(3, 1, 1), 1);
-    pixels->fill(4.0);
-    pixels->setValue(std::nan(""), 1);
-    SharedImage frame(std::shared_ptr<Image>(std::move(pixels)));
-    auto const result = createFloat(frame, true);
-    ASSERT_NE(result, nullptr);
-    EXPECT_EQ(typed<float>(*result).value(0), 0.0F);
-    EXPECT_TRUE(std::isnan(typed<float>(*result).value(1)));
+    auto constant = TypedImage<double>::zeros(Eigen::Vector3i(3, 1, 1), 1);
+    constant->fill(4.0);
+    constant->setValue(std::nan(""), 1);
+    auto const normalized = createFloat(SharedImage(std::shared_ptr<Image>(std::move(constant))), true);
+    ASSERT_NE(normalized, nullptr);
+    EXPECT_EQ(typed<float>(*normalized).value(0), 0.0F);
+    EXPECT_TRUE(std::isnan(typed<float>(*normalized).value(1)));
 }
 
 TEST(FloatConversion, SetKeepsItsAttributesAndSharesNoPixels)

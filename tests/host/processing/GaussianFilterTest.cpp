@@ -1,5 +1,5 @@
-// GaussianFilter against a direct 3D convolution, with the properties that users rely on:
-// constants stay constant, an impulse gives the kernel, mm and voxels agree, geometry is kept.
+// GaussianFilter against a direct 3D convolution with clamped borders, with the properties that
+// users rely on: mm and voxels agree, a single slice is not smoothed across, geometry is kept.
 
 #include "host/processing/GaussianFilter.h"
 
@@ -65,14 +65,6 @@ std::vector<double> referenceSmooth(TypedImage<T> const& in, Eigen::Vector3d con
     return out;
 }
 
-std::shared_ptr<SharedImage> impulse(Eigen::Vector3i const& size, Eigen::Vector3d const& spacing)
-{
-    auto pixels = TypedImage<float>::zeros(size, 1);
-    pixels->setValue(1.0F, size.x() / 2, size.y() / 2, size.z() / 2);
-    pixels->setSpacing(spacing, true);
-    return std::make_shared<SharedImage>(std::shared_ptr<Image>(std::move(pixels)));
-}
-
 } // namespace
 
 template <class T>
@@ -95,47 +87,12 @@ TYPED_TEST(GaussianFilterTest, MatchesDirectConvolution)
     for (std::size_t i = 0; i < out.valueCount(); ++i)
         ASSERT_NEAR(static_cast<double>(out.value(i)), expected[i], tolerance) << "value " << i;
     expectSameGeometry(*frame, *result);
-}
 
-TYPED_TEST(GaussianFilterTest, ConstantImageStaysConstant)
-{
-    auto pixels = TypedImage<TypeParam>::zeros(Eigen::Vector3i(9, 4, 3), 3);
-    pixels->fill(static_cast<TypeParam>(42));
-    SharedImage frame(std::shared_ptr<Image>(std::move(pixels)));
-    // Kernels much wider than the image, so that every output reads clamped borders.
-    ASSERT_TRUE(GaussianFilter(Eigen::Vector3d(4.0, 2.0, 1.5)).applyInPlace(frame));
-    auto const& out = typed<TypeParam>(frame);
+    // In place gives the same values.
+    ASSERT_TRUE(GaussianFilter(sigma).applyInPlace(*frame));
+    EXPECT_TRUE(frame->isGlDirty());
     for (std::size_t i = 0; i < out.valueCount(); ++i)
-        ASSERT_NEAR(static_cast<double>(out.value(i)), 42.0, 1e-4) << "value " << i;
-    EXPECT_TRUE(frame.isGlDirty());
-}
-
-TEST(GaussianFilter, ImpulseGivesTheNormalisedKernel)
-{
-    Eigen::Vector3i const size(15, 9, 7);
-    auto const frame = impulse(size, Eigen::Vector3d::Ones());
-    Eigen::Vector3d const sigma(1.5, 1.0, 0.7);
-    auto const result = GaussianFilter(sigma).apply(*frame);
-    ASSERT_NE(result, nullptr);
-    std::vector<double> const kx = referenceKernel(sigma.x());
-    std::vector<double> const ky = referenceKernel(sigma.y());
-    std::vector<double> const kz = referenceKernel(sigma.z());
-    EXPECT_EQ(GaussianFilter::kernel(sigma.x()).size(), kx.size());
-    auto const& out = typed<float>(*result);
-    double total = 0.0;
-    for (int z = 0; z < size.z(); ++z)
-        for (int y = 0; y < size.y(); ++y)
-            for (int x = 0; x < size.x(); ++x) {
-                auto const weight = [](std::vector<double> const& k, int d) {
-                    int const r = static_cast<int>(k.size() / 2);
-                    return std::abs(d) <= r ? k[static_cast<std::size_t>(d + r)] : 0.0;
-                };
-                double const expected = weight(kx, x - size.x() / 2) * weight(ky, y - size.y() / 2) *
-                                        weight(kz, z - size.z() / 2);
-                ASSERT_NEAR(out.value(x, y, z), expected, 1e-6) << x << " " << y << " " << z;
-                total += out.value(x, y, z);
-            }
-    EXPECT_NEAR(total, 1.0, 1e-5);
+        ASSERT_EQ(typed<TypeParam>(*frame).value(i), out.value(i)) << "value " << i;
 }
 
 TEST(GaussianFilter, KernelSizeFollowsSigmaAndHalfKernelSize)

@@ -2,8 +2,10 @@
 
 // Test images for the processing routines: frames of every pixel type with non-trivial spacing,
 // placement, shift and scale and pseudo-random values, so that a routine that forgets the
-// intensity mapping or drops geometry fails.
+// intensity mapping or drops geometry fails; the centred-pixel formula written out
+// independently of the descriptor classes; a table row for refused input.
 
+#include "host/core/Log.h"
 #include "host/image/Deformation.h"
 #include "host/image/Mask.h"
 #include "host/image/SharedImage.h"
@@ -12,7 +14,9 @@
 #include <gtest/gtest.h>
 
 #include <Eigen/Geometry>
+#include <functional>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <type_traits>
 
@@ -68,6 +72,17 @@ TypedImage<T> const& typed(SharedImage const& frame)
     return static_cast<TypedImage<T> const&>(*frame.mem());
 }
 
+// M · [(p − (dim − 1) / 2) ∘ spacing, 1], the world position of pixel p.
+inline Eigen::Vector3d analyticWorld(Eigen::Matrix4d const& m, Eigen::Vector3i const& dims,
+                                     Eigen::Vector3d const& spacing, Eigen::Vector3d const& p)
+{
+    Eigen::Vector4d image;
+    for (int a = 0; a < 3; ++a)
+        image[a] = (p[a] - (dims[a] - 1) / 2.0) * spacing[a];
+    image[3] = 1.0;
+    return (m * image).head<3>();
+}
+
 // Same matrix, spacing, dimensions, modality, mask and deformation; a voxel lands at the same
 // world position.
 inline void expectSameGeometry(SharedImage const& a, SharedImage const& b)
@@ -80,6 +95,28 @@ inline void expectSameGeometry(SharedImage const& a, SharedImage const& b)
     EXPECT_EQ(a.deformation(), b.deformation());
     Eigen::Vector3d const voxel(1.0, 2.0, 3.0);
     EXPECT_TRUE(a.pixelToWorld(voxel).isApprox(b.pixelToWorld(voxel)));
+}
+
+// A way to set up an algorithm that it must refuse, and the exact message it must log.
+template <class Algorithm, class... Extra>
+struct Refusal
+{
+    char const* name;
+    std::function<void(Algorithm&, Extra&...)> setup;
+    char const* message;
+
+    // The name in failure output (gtest would otherwise dump the bytes, padding included).
+    friend void PrintTo(Refusal const& c, std::ostream* os) { *os << c.name; }
+};
+
+// Runs `compute()` and expects the InvalidInput status and `message` in category `category`.
+template <class Algorithm>
+void expectRefused(Algorithm& algorithm, char const* message, char const* category)
+{
+    Log::Capture capture;
+    algorithm.compute();
+    EXPECT_EQ(algorithm.status(), Algorithm::InvalidInput);
+    EXPECT_TRUE(capture.contains(message, category)) << ::testing::PrintToString(capture.messages());
 }
 
 } // namespace Velmoria::ProcessingTest

@@ -22,7 +22,7 @@
 #include <gtest/gtest.h>
 
 #include <Eigen/Geometry>
-#include <algorithm>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -45,15 +45,43 @@ SharedImageSet& sisOf(DataItem& item, std::string const& name)
     return *element->sis();
 }
 
-// An item with an image batch "image" and a vector batch "score" of `batch` samples each, and an
-// item-level component so that tests see where item components go.
-DataItem imageAndScore(int batch, std::string const& origin = "a.nii")
+std::shared_ptr<Tensor> scalarTensor(float value)
+{
+    return std::make_shared<Tensor>(Tensor::Shape{1}, &value);
+}
+
+KeypointSet pointsAlongX(int count)
+{
+    KeypointSet::Keypoints frames;
+    for (int k = 0; k < count; ++k)
+        frames.push_back({{Eigen::Vector3d(k, 0, 0)}});
+    return KeypointSet(std::move(frames));
+}
+
+// A batch of `batch` samples in four fields of four kinds: images "image" (sample k at x = 100 k),
+// vectors "score", tensors "logit" (sample k holds k) and keypoints "points" (sample k at x = k);
+// and an item-level component so that tests see where item components go.
+DataItem batchOf(int batch, std::string const& origin = "a.nii")
 {
     DataItem item;
     item.set("image", makeSet(batch));
     item.set("score", makeVectorSet(batch, 2));
+    auto tensors = std::make_shared<TensorSet>();
+    for (int k = 0; k < batch; ++k)
+        tensors->add(scalarTensor(static_cast<float>(k)));
+    item.set("logit", tensors);
+    item.set("points", pointsAlongX(batch));
     item.components().add(
         std::make_unique<DataSourceComponent>(std::vector{DataSourceInfo{origin, "", 0, ""}}));
+    return item;
+}
+
+// An item of the given image fields in order, each a batch of the given size.
+DataItem itemOf(std::vector<std::pair<std::string, int>> const& fields)
+{
+    DataItem item;
+    for (auto const& [name, size] : fields)
+        item.set(name, makeSet(size));
     return item;
 }
 
@@ -63,50 +91,15 @@ std::string originOf(DataItem const& item)
     return sources && !sources->sources().empty() ? sources->sources().front().filename : "";
 }
 
-std::shared_ptr<Tensor> scalarTensor(float value)
+std::shared_ptr<Tensor> tensorOf(DataItem const& item, std::size_t sample)
 {
-    return std::make_shared<Tensor>(Tensor::Shape{1}, &value);
+    return item.get<TensorSetElement>("logit")->tensor(sample);
 }
 
-} // namespace
-
-// Empty item and Data overrides ---------------------------------------------------------------------
-
-TEST(DataItemBasics, EmptyItemHasBatchZeroAndNoDimension)
+Eigen::Vector3d pointOf(DataItem const& item, std::size_t sample)
 {
-    DataItem item;
-    ASSERT_TRUE(item.batchSize().has_value());
-    EXPECT_EQ(*item.batchSize(), 0U);
-    EXPECT_EQ(item.dimension(), 0);
-    EXPECT_TRUE(item.fields().empty());
-    EXPECT_TRUE(item.empty());
-    EXPECT_EQ(item.describe(), "ML.DataItem");
-    EXPECT_EQ(item.name(), "ML.DataItem");
-    EXPECT_EQ(item.kind(), Data::Kind::Unknown);
-    EXPECT_EQ(item.matrixConvention(), 1);
-    EXPECT_TRUE(item.bounds().isEmpty());
-    EXPECT_EQ(item.children().size(), 0);
+    return item.get<KeypointsElement>("points")->keypoints()->keypoints().at(sample)[0][0];
 }
-
-TEST(DataItemBasics, MoveTakesEverythingAndLeavesAnEmptyItem)
-{
-    DataItem item = imageAndScore(2);
-    item.setName("sample");
-    auto* image = item.get("image");
-    DataItem moved(std::move(item));
-    EXPECT_EQ(moved.get("image"), image);
-    EXPECT_EQ(moved.name(), "sample");
-    EXPECT_EQ(originOf(moved), "a.nii");
-    EXPECT_TRUE(item.empty()); // NOLINT(bugprone-use-after-move): the moved-from state is defined
-
-    DataItem assigned = imageAndScore(1);
-    assigned = std::move(moved);
-    EXPECT_EQ(assigned.get("image"), image);
-    EXPECT_EQ(keysOf(assigned), (std::vector<std::string>{"image", "score"}));
-    EXPECT_TRUE(moved.empty()); // NOLINT(bugprone-use-after-move)
-}
-
-// Batch size ---------------------------------------------------------------------------------------
 
 struct BatchCase
 {
@@ -116,6 +109,19 @@ struct BatchCase
 
 class DataItemBatchSizeTest : public ::testing::TestWithParam<BatchCase>
 {};
+
+struct DimensionCase
+{
+    std::vector<Eigen::Vector3i> sizes; // (1, 1, 1) stands for a vector element
+    int expected;
+};
+
+class DataItemDimensionTest : public ::testing::TestWithParam<DimensionCase>
+{};
+
+} // namespace
+
+// Batch size and dimension ---------------------------------------------------------------------------
 
 TEST_P(DataItemBatchSizeTest, FollowsTheAsymmetricRule)
 {
@@ -128,22 +134,11 @@ TEST_P(DataItemBatchSizeTest, FollowsTheAsymmetricRule)
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, DataItemBatchSizeTest,
-                         ::testing::Values(BatchCase{{3}, 3}, BatchCase{{3, 3}, 3}, BatchCase{{0, 3}, 3},
+                         ::testing::Values(BatchCase{{}, 0}, BatchCase{{3, 3}, 3}, BatchCase{{0, 3}, 3},
                                            BatchCase{{3, 0}, std::nullopt}, BatchCase{{0, 0}, 0},
                                            BatchCase{{0, 2, 2}, 2}, BatchCase{{2, 2, 0}, std::nullopt},
                                            BatchCase{{2, 3}, std::nullopt},
                                            BatchCase{{0, 2, 3}, std::nullopt}));
-
-// Dimension ------------------------------------------------------------------------------------------
-
-struct DimensionCase
-{
-    std::vector<Eigen::Vector3i> sizes; // (1, 1, 1) stands for a vector element
-    int expected;
-};
-
-class DataItemDimensionTest : public ::testing::TestWithParam<DimensionCase>
-{};
 
 TEST_P(DataItemDimensionTest, IgnoresDimensionsUpToOneAndZeroOnDisagreement)
 {
@@ -158,16 +153,16 @@ TEST_P(DataItemDimensionTest, IgnoresDimensionsUpToOneAndZeroOnDisagreement)
 }
 
 INSTANTIATE_TEST_SUITE_P(Fields, DataItemDimensionTest,
-                         ::testing::Values(DimensionCase{{{1, 1, 1}}, 0}, DimensionCase{{{4, 1, 1}}, 0},
-                                           DimensionCase{{{4, 4, 1}}, 2},
+                         ::testing::Values(DimensionCase{{}, 0}, DimensionCase{{{1, 1, 1}}, 0},
+                                           DimensionCase{{{4, 1, 1}}, 0}, DimensionCase{{{4, 4, 1}}, 2},
                                            DimensionCase{{{4, 4, 1}, {1, 1, 1}}, 2},
                                            DimensionCase{{{4, 1, 1}, {4, 4, 4}, {1, 1, 1}}, 3},
                                            DimensionCase{{{4, 4, 4}, {4, 4, 4}}, 3},
                                            DimensionCase{{{4, 4, 1}, {4, 4, 4}}, 0}));
 
-// set ------------------------------------------------------------------------------------------------
+// set and pop ------------------------------------------------------------------------------------------
 
-TEST(DataItemSet, ImageSetBecomesVectorOrImageElement)
+TEST(DataItemSet, ImageSetBecomesVectorOrImageElementAndBadInputIsRefused)
 {
     DataItem item;
     item.set("score", makeVectorSet(1, 4));
@@ -175,40 +170,26 @@ TEST(DataItemSet, ImageSetBecomesVectorOrImageElement)
     FrameLayout line;
     line.size = Eigen::Vector3i(1, 5, 1);
     item.set("profile", makeSet(1, line));
-    EXPECT_EQ(item.get("score")->type(), ElementType::Vector);
     EXPECT_NE(item.get<VectorElement>("score"), nullptr);
     EXPECT_EQ(item.get<ImageElement>("score"), nullptr);
     EXPECT_EQ(item.get("image")->type(), ElementType::Image);
     EXPECT_EQ(item.get("profile")->type(), ElementType::Image);
-    EXPECT_EQ(item.get("missing"), nullptr);
     EXPECT_EQ(item.get<ImageElement>("missing"), nullptr);
-}
 
-TEST(DataItemSet, InvalidImageSetLogsAndChangesNothing)
-{
-    DataItem item = imageAndScore(1);
     Log::Capture capture;
     item.set("empty", std::make_shared<SharedImageSet>());
     item.set("null", std::shared_ptr<SharedImageSet>());
     EXPECT_EQ(capture.count("SharedImageSet is invalid or empty", "DataItem"), 2);
-    EXPECT_EQ(keysOf(item), (std::vector<std::string>{"image", "score"}));
-}
-
-TEST(DataItemSet, NullElementThrowsAndLeavesTheItemUnchanged)
-{
-    DataItem item = imageAndScore(1);
     expectThrowWithMessage<DataItemException>([&] { item.set("image", std::shared_ptr<DataElement>()); },
                                               "Can not add invalid Element.");
-    EXPECT_EQ(item.get("image")->type(), ElementType::Image);
-    EXPECT_EQ(item.elements().size(), 2U);
+    EXPECT_THROW(item.set("tensor", std::shared_ptr<Tensor>()), DataItemException);
     EXPECT_THROW(DataItem({{"x", nullptr}}), DataItemException);
+    EXPECT_EQ(keysOf(item), (std::vector<std::string>{"score", "image", "profile"}));
+    EXPECT_EQ(item.get("image")->type(), ElementType::Image);
 }
 
 TEST(DataItemSet, DifferentBatchSizeWarnsExceptWhenReplacingTheOnlyElement)
 {
-    std::string const warning =
-        "Adding Element 'extra' with a different batch size than the present elements, "
-        "which may lead to unexpected behavior.";
     DataItem item;
     Log::Capture capture;
     item.set("image", makeSet(2));
@@ -216,72 +197,60 @@ TEST(DataItemSet, DifferentBatchSizeWarnsExceptWhenReplacingTheOnlyElement)
     EXPECT_TRUE(capture.records().empty());
 
     item.set("extra", makeSet(1));
-    EXPECT_TRUE(capture.contains(warning, "ML.DataItem"));
+    EXPECT_TRUE(capture.contains("Adding Element 'extra' with a different batch size than the present "
+                                 "elements, which may lead to unexpected behavior.",
+                                 "ML.DataItem"));
     EXPECT_EQ(item.get("extra")->batchSize(), 1U); // added all the same
-
     capture.clear();
     item.set("same", makeSet(3));
     EXPECT_TRUE(capture.records().empty());
 }
 
-TEST(DataItemSet, ReplacingKeepsPositionAndSignalsTheNewContent)
-{
-    DataItem item = imageAndScore(1);
-    std::vector<Data*> added;
-    item.signalChildAdded.connect([&](Data* data) { added.push_back(data); });
-    auto replacement = makeSet(1);
-    item.set("image", replacement);
-    item.set("last", makeSet(1));
-    EXPECT_EQ(keysOf(item), (std::vector<std::string>{"image", "score", "last"}));
-    ASSERT_EQ(added.size(), 2U);
-    EXPECT_EQ(added[0], replacement.get());
-    EXPECT_EQ(sisOf(item, "image").getShared(0), replacement->getShared(0));
-}
-
-TEST(DataItemSet, ConstructorSetsInOrder)
+TEST(DataItemSet, ConstructorAndReplacementKeepTheOrderAndSignalTheNewContent)
 {
     auto a = std::make_shared<ImageElement>(makeSet(1));
     auto b = std::make_shared<VectorElement>(makeVectorSet(1));
     DataItem item({{"b", b}, {"a", a}});
-    EXPECT_EQ(keysOf(item), (std::vector<std::string>{"b", "a"}));
     EXPECT_EQ(item.get("a"), a.get());
     EXPECT_EQ(item.fields(), (std::unordered_set<std::string>{"a", "b"}));
-    EXPECT_TRUE(item.contains("a"));
-    EXPECT_FALSE(item.contains("c"));
+
+    std::vector<Data*> added;
+    item.signalChildAdded.connect([&](Data* data) { added.push_back(data); });
+    auto replacement = makeSet(1);
+    item.set("b", replacement);
+    item.set("last", makeSet(1));
+    EXPECT_EQ(keysOf(item), (std::vector<std::string>{"b", "a", "last"}));
+    ASSERT_EQ(added.size(), 2U);
+    EXPECT_EQ(added[0], replacement.get());
+    EXPECT_EQ(sisOf(item, "b").getShared(0), replacement->getShared(0));
 }
 
-TEST(DataItemSet, KeypointTensorAndBoxOverloads)
+TEST(DataItemSet, ValueOverloadsCopyAndPointerOverloadsShare)
 {
-    KeypointSet keypoints(KeypointSet::Keypoints{{{Eigen::Vector3d(1, 2, 3)}}, {{Eigen::Vector3d(4, 5, 6)}}});
+    KeypointSet const keypoints = pointsAlongX(2);
+    auto tensor = scalarTensor(2.5F);
+    TensorSet const tensors(tensor);
     DataItem item;
-    item.set("points", keypoints); // copies
+    item.set("points", keypoints);
+    item.set("shared", tensor);
+    item.set("copy", Tensor(*tensor));
+    item.set("set copy", tensors);
+    item.set("boxes", BoundingBoxSet(BoundingBoxSet::Boxes{{{Box{}}}, {{Box{}}}}));
+
     auto* element = item.get<KeypointsElement>("points");
     ASSERT_NE(element, nullptr);
     EXPECT_NE(element->keypoints().get(), &keypoints);
     EXPECT_TRUE(*element->keypoints() == keypoints);
-    EXPECT_EQ(element->batchSize(), 2U);
-
-    auto tensor = scalarTensor(2.5F);
-    item.set("logit", tensor);
-    auto* tensors = item.get<TensorSetElement>("logit");
-    ASSERT_NE(tensors, nullptr);
-    EXPECT_EQ(tensors->batchSize(), 1U);
-    EXPECT_EQ(tensors->tensor(0), tensor);
-
-    Log::Capture capture;
-    item.set("copy", Tensor(*tensor));
+    EXPECT_EQ(item.get<TensorSetElement>("shared")->tensor(0), tensor);
     EXPECT_NE(item.get<TensorSetElement>("copy")->tensor(0), tensor);
     EXPECT_TRUE(*item.get<TensorSetElement>("copy")->tensor(0) == *tensor);
-    item.set("boxes", BoundingBoxSet(BoundingBoxSet::Boxes{{{Box{}}}, {{Box{}}}}));
+    EXPECT_NE(item.get<TensorSetElement>("set copy")->tensor(0), tensor);
     EXPECT_EQ(item.get("boxes")->type(), ElementType::BoundingBox);
 }
 
-// pop and clear --------------------------------------------------------------------------------------
-
 TEST(DataItemPop, TakesTheElementOutAfterSignalling)
 {
-    DataItem item = imageAndScore(1);
-    item.set("third", makeSet(1));
+    DataItem item = itemOf({{"image", 1}, {"score", 1}, {"third", 1}});
     Data* content = item.get("score")->content().get();
     std::vector<Data*> removed;
     bool presentDuringSignal = false;
@@ -296,7 +265,6 @@ TEST(DataItemPop, TakesTheElementOutAfterSignalling)
     EXPECT_EQ(removed, std::vector<Data*>{content});
     EXPECT_TRUE(presentDuringSignal);
     EXPECT_EQ(keysOf(item), (std::vector<std::string>{"image", "third"}));
-
     EXPECT_EQ(item.pop("score"), nullptr);
     EXPECT_EQ(removed.size(), 1U);
 
@@ -305,145 +273,81 @@ TEST(DataItemPop, TakesTheElementOutAfterSignalling)
     EXPECT_EQ(removed.size(), 3U);
 }
 
-// split ------------------------------------------------------------------------------------------------
+// split, stack and merge ------------------------------------------------------------------------------
 
-TEST(DataItemSplit, BatchOfOneIsTheItemItself)
+TEST(DataItemBatches, SplitThenStackSharesEverySampleInOrder)
 {
-    Log::Capture capture;
-    DataItem item;
-    item.set("z", makeSet(1));
-    item.set("a", makeSet(1));
-    item.set("m", makeVectorSet(1));
-    auto* z = item.get("z");
-    auto parts = DataItem::split(std::move(item));
-    ASSERT_EQ(parts.size(), 1U);
-    EXPECT_EQ(keysOf(parts[0]), (std::vector<std::string>{"z", "a", "m"}));
-    EXPECT_EQ(parts[0].get("z"), z);
-}
-
-TEST(DataItemSplit, SharesFramesAndCopiesItemComponents)
-{
-    DataItem item = imageAndScore(3);
+    DataItem item = batchOf(3);
     item.get("image")->tagAsTarget();
-    auto image = item.get<ImageElement>("image")->sis();
-    auto score = item.get<VectorElement>("score")->sis();
-    auto parts = DataItem::split(std::move(item));
+    auto const image = item.get<ImageElement>("image")->sis();
+    auto const score = item.get<VectorElement>("score")->sis();
+    auto const tensors = item.get<TensorSetElement>("logit")->tensorSet();
+    std::vector<DataItem> parts = DataItem::split(std::move(item));
     ASSERT_EQ(parts.size(), 3U);
     for (int k = 0; k < 3; ++k) {
+        SCOPED_TRACE("sample " + std::to_string(k));
         DataItem& part = parts[static_cast<std::size_t>(k)];
-        EXPECT_EQ(part.fields(), (std::unordered_set<std::string>{"image", "score"}));
+        EXPECT_EQ(keysOf(part).size(), 4U);
         EXPECT_EQ(part.batchSize(), std::optional<std::size_t>(1));
         EXPECT_EQ(sisOf(part, "image").getShared(0), image->getShared(k));
-        EXPECT_EQ(sisOf(part, "image").mem(0)->data(), image->mem(k)->data());
         EXPECT_EQ(sisOf(part, "score").getShared(0), score->getShared(k));
+        EXPECT_EQ(tensorOf(part, 0), tensors->getShared(k));
+        EXPECT_EQ(pointOf(part, 0), Eigen::Vector3d(k, 0, 0));
         EXPECT_TRUE(part.get("image")->isTarget());
         EXPECT_FALSE(part.get("score")->isTarget());
         EXPECT_EQ(originOf(part), "a.nii");
-        // Corner and centre voxels of the 3x3x3 frame, spacing (1, 2, 3), at x = 100 k.
-        SharedImage const& frame = *sisOf(part, "image").get(0);
-        EXPECT_TRUE(frame.pixelToWorld({0, 0, 0}).isApprox(Eigen::Vector3d(100.0 * k - 1.0, -2.0, -3.0)));
-        EXPECT_TRUE(frame.pixelToWorld({2, 2, 2}).isApprox(Eigen::Vector3d(100.0 * k + 1.0, 2.0, 3.0)));
-        EXPECT_TRUE(frame.pixelToWorld({1, 1, 1}).isApprox(Eigen::Vector3d(100.0 * k, 0.0, 0.0)));
+        expectFrameAt(*sisOf(part, "image").get(0), 100.0 * k);
     }
-}
+    parts[2].components().clear();
 
-TEST(DataItemSplit, EmptyAndInconsistentItems)
-{
-    EXPECT_TRUE(DataItem::split(DataItem()).empty());
-    Log::Capture capture;
-    DataItem inconsistent;
-    inconsistent.set("a", makeSet(2));
-    inconsistent.set("b", makeSet(3));
-    expectThrowWithMessage<DataItemException>(
-        [&] { DataItem::split(std::move(inconsistent)); },
-        "Cannot split data item whose elements have an inconsistent batch size.");
-}
-
-TEST(DataItemSplit, TensorsAndKeypointsSplitAlongTheBatch)
-{
-    DataItem item;
-    item.set("logit", std::make_shared<TensorSet>(std::vector{scalarTensor(1.0F), scalarTensor(2.0F)}));
-    item.set("points",
-             KeypointSet(KeypointSet::Keypoints{{{Eigen::Vector3d(1, 0, 0)}}, {{Eigen::Vector3d(2, 0, 0)}}}));
-    auto parts = DataItem::split(std::move(item));
-    ASSERT_EQ(parts.size(), 2U);
-    EXPECT_EQ(parts[1].get<TensorSetElement>("logit")->tensor(0)->toFloatVector(), std::vector<float>{2.0F});
-    EXPECT_EQ(parts[1].get<KeypointsElement>("points")->keypoints()->keypoints()[0][0][0],
-              Eigen::Vector3d(2, 0, 0));
-}
-
-// stack ------------------------------------------------------------------------------------------------
-
-TEST(DataItemStack, ConcatenatesBatchesSharingFramesInItemOrder)
-{
-    std::vector<DataItem> items;
-    items.push_back(imageAndScore(2, "first.nii"));
-    items.push_back(imageAndScore(1, "second.nii"));
-    auto first = items[0].get<ImageElement>("image")->sis();
-    auto second = items[1].get<ImageElement>("image")->sis();
-    int signals = 0;
-
-    DataItem stacked = DataItem::stack(std::move(items));
-    stacked.signalChildAdded.connect([&](Data*) { ++signals; });
+    // The items stack in their order, each field sharing the samples, with the first item's components.
+    std::swap(parts[0], parts[2]);
+    DataItem stacked = DataItem::stack(std::move(parts));
     ASSERT_EQ(stacked.batchSize(), std::optional<std::size_t>(3));
-    SharedImageSet& image = sisOf(stacked, "image");
-    EXPECT_EQ(image.getShared(0), first->getShared(0));
-    EXPECT_EQ(image.getShared(1), first->getShared(1));
-    EXPECT_EQ(image.getShared(2), second->getShared(0));
-    EXPECT_EQ(image.mem(2)->data(), second->mem(0)->data());
+    int const order[] = {2, 1, 0};
+    for (int k = 0; k < 3; ++k) {
+        EXPECT_EQ(sisOf(stacked, "image").getShared(k), image->getShared(order[k]));
+        EXPECT_EQ(tensorOf(stacked, static_cast<std::size_t>(k)), tensors->getShared(order[k]));
+        EXPECT_EQ(pointOf(stacked, static_cast<std::size_t>(k)), Eigen::Vector3d(order[k], 0, 0));
+        expectFrameAt(*sisOf(stacked, "image").get(k), 100.0 * order[k]);
+    }
     EXPECT_EQ(stacked.get("score")->type(), ElementType::Vector);
-    EXPECT_EQ(originOf(stacked), "first.nii");
-    // Frame 2 is frame 0 of the second item: its centre stays at x = 0, its corner at -1, -2, -3.
-    EXPECT_TRUE(image.get(2)->pixelToWorld({1, 1, 1}).isApprox(Eigen::Vector3d(0.0, 0.0, 0.0)));
-    EXPECT_TRUE(image.get(1)->pixelToWorld({0, 0, 0}).isApprox(Eigen::Vector3d(99.0, -2.0, -3.0)));
-    EXPECT_EQ(signals, 0);
+    EXPECT_TRUE(stacked.get("image")->isTarget());
+    EXPECT_EQ(originOf(stacked), "");
 }
 
-TEST(DataItemStack, OneItemIsKeptEvenInconsistentButLosesItemComponents)
+TEST(DataItemBatches, ABatchOfOneIsKeptAsItIs)
 {
     Log::Capture capture;
+    DataItem single = itemOf({{"z", 1}, {"a", 1}});
+    auto* z = single.get("z");
+    auto alone = DataItem::split(std::move(single));
+    ASSERT_EQ(alone.size(), 1U);
+    EXPECT_EQ(keysOf(alone[0]), (std::vector<std::string>{"z", "a"}));
+    EXPECT_EQ(alone[0].get("z"), z);
+    EXPECT_TRUE(DataItem::split(DataItem()).empty());
+
+    // Stacking one item keeps it even when inconsistent, but it loses its name and components.
     std::vector<DataItem> items;
-    items.push_back(imageAndScore(2));
+    items.push_back(batchOf(2));
     items.back().set("odd", makeSet(1));
     items.back().setName("named");
     auto* image = items.back().get("image");
     DataItem stacked = DataItem::stack(std::move(items));
     EXPECT_EQ(stacked.get("image"), image);
-    EXPECT_EQ(keysOf(stacked), (std::vector<std::string>{"image", "score", "odd"}));
+    EXPECT_EQ(keysOf(stacked), (std::vector<std::string>{"image", "score", "logit", "points", "odd"}));
     EXPECT_FALSE(stacked.batchSize().has_value());
     EXPECT_EQ(stacked.components().size(), 0);
     EXPECT_EQ(stacked.name(), "ML.DataItem");
-
     EXPECT_TRUE(DataItem::stack({}).empty());
 }
 
-TEST(DataItemStack, RefusesInconsistentItemsAndDifferentFields)
+TEST(DataItemBatches, MixedElementTypesStackIntoANullField)
 {
     Log::Capture capture;
-    std::vector<DataItem> inconsistent;
-    inconsistent.push_back(imageAndScore(1));
-    inconsistent.push_back(imageAndScore(1));
-    inconsistent.back().set("score", makeVectorSet(2));
-    expectThrowWithMessage<DataItemException>([&] { DataItem::stack(std::move(inconsistent)); },
-                                              "Cannot stack items with an inconsistent batch size.");
-
-    std::vector<DataItem> different;
-    different.push_back(imageAndScore(1));
-    different.push_back(imageAndScore(1));
-    different.back().pop("score");
-    different.back().set("other", makeVectorSet(1));
-    expectThrowWithMessage<DataItemException>([&] { DataItem::stack(std::move(different)); },
-                                              "Cannot stack items with different fields");
-}
-
-TEST(DataItemStack, MixedElementTypesLeaveANullField)
-{
-    Log::Capture capture;
-    std::vector<DataItem> items;
-    items.emplace_back();
-    items.back().set("x", makeSet(1));
-    items.emplace_back();
-    items.back().set("x", makeVectorSet(1));
+    std::vector<DataItem> items(2);
+    items[0].set("x", makeSet(1));
+    items[1].set("x", makeVectorSet(1));
     DataItem stacked = DataItem::stack(std::move(items));
     EXPECT_TRUE(stacked.contains("x"));
     EXPECT_EQ(stacked.get("x"), nullptr);
@@ -451,32 +355,13 @@ TEST(DataItemStack, MixedElementTypesLeaveANullField)
     // The hole is survivable: the item still answers.
     EXPECT_EQ(stacked.batchSize(), std::optional<std::size_t>(0));
     EXPECT_EQ(stacked.children().size(), 0);
+    EXPECT_TRUE(stacked.bounds().isEmpty());
 }
 
-TEST(DataItemStack, TensorsAreStackedBySharing)
-{
-    std::vector<DataItem> items;
-    auto t0 = scalarTensor(1.0F);
-    auto t1 = scalarTensor(2.0F);
-    items.emplace_back();
-    items.back().set("logit", t0);
-    items.emplace_back();
-    items.back().set("logit", t1);
-    DataItem stacked = DataItem::stack(std::move(items));
-    auto* tensors = stacked.get<TensorSetElement>("logit");
-    ASSERT_NE(tensors, nullptr);
-    ASSERT_EQ(tensors->batchSize(), 2U);
-    EXPECT_EQ(tensors->tensor(0), t0);
-    EXPECT_EQ(tensors->tensor(1), t1);
-}
-
-// merge ------------------------------------------------------------------------------------------------
-
-TEST(DataItemMerge, AppendsFieldsInItemOrderAndCollectsComponents)
+TEST(DataItemBatches, MergeAppendsFieldsInItemOrderAndCollectsComponents)
 {
     std::vector<DataItem> items(2);
-    items[0].set("b", makeSet(2));
-    items[0].set("a", makeSet(2));
+    items[0] = itemOf({{"b", 2}, {"a", 2}});
     items[1].set("c", makeVectorSet(2));
     items[1].components().add(std::make_unique<TargetTag>());
     auto* c = items[1].get("c");
@@ -486,59 +371,75 @@ TEST(DataItemMerge, AppendsFieldsInItemOrderAndCollectsComponents)
     EXPECT_EQ(keysOf(merged), (std::vector<std::string>{"b", "a", "c"}));
     EXPECT_EQ(merged.get("c"), c);
     EXPECT_NE(merged.components().get<TargetTag>(), nullptr);
-}
+    EXPECT_TRUE(DataItem::merge({}).empty());
 
-TEST(DataItemMerge, RepeatedFieldThrows)
-{
-    std::vector<DataItem> items(2);
-    items[0].set("a", makeSet(1));
-    items[1].set("b", makeSet(1));
-    items[1].set("a", makeSet(1));
-    expectThrowWithMessage<DataItemException>([&] { DataItem::merge(std::move(items)); },
-                                              "Key 'a' already present");
-}
-
-TEST(DataItemMerge, WarnsOnceForDifferentAndForInconsistentBatches)
-{
-    Log::Capture capture;
-    std::vector<DataItem> items(4);
-    items[0].set("a", makeSet(1));
-    items[1].set("b", makeSet(2));
-    items[2].set("c", makeSet(3));
-    items[3].set("d", makeSet(2));
-    items[3].set("e", makeSet(1));
+    // Different and inconsistent batches are merged all the same, with one warning each.
+    items.clear();
+    for (auto const& fields :
+         {std::vector<std::pair<std::string, int>>{{"a", 1}}, {{"b", 2}}, {{"c", 3}}, {{"d", 2}, {"e", 1}}})
+        items.push_back(itemOf(fields));
     capture.clear();
-    DataItem merged = DataItem::merge(std::move(items));
+    merged = DataItem::merge(std::move(items));
     EXPECT_EQ(capture.count("Merging items with different batch sizes.", "ML.DataItem"), 1);
     EXPECT_EQ(capture.count("Merging items with an inconsistent batch sizes.", "ML.DataItem"), 1);
     EXPECT_EQ(merged.elements().size(), 5U);
+}
 
-    std::vector<DataItem> single(1);
-    single[0].set("x", makeSet(1));
-    EXPECT_EQ(keysOf(DataItem::merge(std::move(single))), std::vector<std::string>{"x"});
-    EXPECT_TRUE(DataItem::merge({}).empty());
+TEST(DataItemBatches, InconsistentBatchesAndRepeatedFieldsThrowNamingTheProblem)
+{
+    auto twoItems = [](std::vector<std::pair<std::string, int>> const& first,
+                       std::vector<std::pair<std::string, int>> const& second) {
+        std::vector<DataItem> items;
+        items.push_back(itemOf(first));
+        items.push_back(itemOf(second));
+        return items;
+    };
+    std::pair<std::function<void()>, std::string> const cases[] = {
+        {[] {
+             DataItem::split(itemOf({{"a", 2}, {"b", 3}}));
+         },
+         "Cannot split data item whose elements have an inconsistent batch size."},
+        {[&] {
+             DataItem::stack(twoItems({{"a", 1}}, {{"a", 1}, {"b", 2}}));
+         },
+         "Cannot stack items with an inconsistent batch size."},
+        {[&] {
+             DataItem::stack(twoItems({{"a", 1}, {"b", 1}}, {{"a", 1}, {"c", 1}}));
+         },
+         "Cannot stack items with different fields"},
+        {[&] {
+             DataItem::merge(twoItems({{"a", 1}}, {{"b", 1}, {"a", 1}}));
+         },
+         "Key 'a' already present"},
+    };
+    Log::Capture capture;
+    for (auto const& [action, message] : cases) {
+        SCOPED_TRACE(message);
+        expectThrowWithMessage<DataItemException>(action, message);
+    }
 }
 
 // append and appendFrame -------------------------------------------------------------------------------
 
-TEST(DataItemAppend, AppendFrameSharesTheSourceFrame)
+TEST(DataItemAppend, AppendFrameSharesTheSourceFrameOfEveryField)
 {
-    DataItem target = imageAndScore(1);
-    DataItem source = imageAndScore(3);
+    DataItem target = batchOf(1);
+    DataItem source = batchOf(3);
     source.set("ignored", makeSet(3));
     ASSERT_TRUE(target.appendFrame(source, 2));
     EXPECT_EQ(target.batchSize(), std::optional<std::size_t>(2));
     EXPECT_EQ(sisOf(target, "image").getShared(1), sisOf(source, "image").getShared(2));
     EXPECT_EQ(sisOf(target, "score").getShared(1), sisOf(source, "score").getShared(2));
+    EXPECT_EQ(tensorOf(target, 1), tensorOf(source, 2));
+    EXPECT_EQ(pointOf(target, 1), Eigen::Vector3d(2, 0, 0));
     EXPECT_FALSE(target.contains("ignored"));
-    EXPECT_TRUE(
-        sisOf(target, "image").get(1)->pixelToWorld({1, 1, 1}).isApprox(Eigen::Vector3d(200.0, 0.0, 0.0)));
+    expectFrameAt(*sisOf(target, "image").get(1), 200.0);
 }
 
 TEST(DataItemAppend, AppendTakesEveryFrameInOrder)
 {
-    DataItem target = imageAndScore(1);
-    DataItem source = imageAndScore(2);
+    DataItem target = batchOf(1);
+    DataItem source = batchOf(2);
     ASSERT_TRUE(target.append(source));
     ASSERT_EQ(target.batchSize(), std::optional<std::size_t>(3));
     EXPECT_EQ(sisOf(target, "image").getShared(1), sisOf(source, "image").getShared(0));
@@ -550,205 +451,106 @@ TEST(DataItemAppend, AppendTakesEveryFrameInOrder)
     EXPECT_EQ(sisOf(target, "image").getShared(5), sisOf(source, "image").getShared(1));
 }
 
-TEST(DataItemAppend, TensorsAndKeypointsAppendTheirEntry)
+TEST(DataItemAppend, RefusesWithAMessageAndChangesNothing)
 {
-    DataItem target;
-    target.set("logit", scalarTensor(1.0F));
-    target.set("points", KeypointSet(KeypointSet::Keypoints{{{Eigen::Vector3d(1, 0, 0)}}}));
-    DataItem source;
-    auto t = scalarTensor(7.0F);
-    source.set("logit", std::make_shared<TensorSet>(std::vector{scalarTensor(6.0F), t}));
-    source.set("points", KeypointSet(KeypointSet::Keypoints{{{Eigen::Vector3d(5, 0, 0)}},
-                                                            {{Eigen::Vector3d(9, 0, 0)}}}));
-    ASSERT_TRUE(target.appendFrame(source, 1));
-    EXPECT_EQ(target.get<TensorSetElement>("logit")->tensor(1), t);
-    EXPECT_EQ(target.get<KeypointsElement>("points")->keypoints()->keypoints()[1][0][0],
-              Eigen::Vector3d(9, 0, 0));
-}
-
-struct AppendFailure
-{
-    std::string name;
-    std::size_t frame;
-    std::string message;
-};
-
-class DataItemAppendFailureTest : public ::testing::TestWithParam<AppendFailure>
-{};
-
-TEST_P(DataItemAppendFailureTest, RefusesWithAMessageAndChangesNothing)
-{
-    DataItem target = imageAndScore(1);
-    DataItem source;
-    if (GetParam().name == "missing")
-        source.set("image", makeSet(2));
-    else if (GetParam().name == "type") {
-        source.set("image", makeVectorSet(2));
-        source.set("score", makeVectorSet(2));
-    } else {
-        source = imageAndScore(2);
+    auto replaced = [](std::string const& field, std::shared_ptr<SharedImageSet> set, int batch = 2) {
+        DataItem source = batchOf(batch);
+        source.set(field, std::move(set));
+        return source;
+    };
+    auto bytes = std::make_shared<SharedImageSet>();
+    bytes->add(std::make_shared<SharedImage>(
+        std::shared_ptr<Image>(TypedImage<unsigned char>::zeros(Eigen::Vector3i(3, 3, 3), 1))));
+    struct Case
+    {
+        DataItem source;
+        std::optional<std::size_t> frame; // appendFrame of this frame, or append the whole item
+        std::string message;
+    };
+    Log::Capture capture;
+    Case cases[] = {
+        {itemOf({{"image", 2}}), 0, "Source item doesn't contain field `score`"},
+        {replaced("image", makeVectorSet(2)), 0,
+         "Source element `image` is of type `Vector`, while target element is of type `Image`"},
+        {batchOf(2), 2, "Frame index 2 is greater or equal than the `image` element size: 2"},
+        {replaced("image", bytes, 1), 0, "Frame 0 of the source element `image` is of pixel type"},
+        {replaced("score", makeVectorSet(1)), std::nullopt, "Source item has inconsistent batch size."},
+    };
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.message);
+        DataItem target = batchOf(1);
+        capture.clear();
+        EXPECT_FALSE(c.frame ? target.appendFrame(c.source, *c.frame) : target.append(c.source));
+        EXPECT_TRUE(capture.containsFragment(c.message));
+        for (std::string const& field : keysOf(target))
+            EXPECT_EQ(target.get(field)->batchSize(), 1U) << field;
     }
-
-    Log::Capture capture;
-    EXPECT_FALSE(target.appendFrame(source, GetParam().frame));
-    EXPECT_TRUE(capture.contains(GetParam().message, "ML.DataItem")) << GetParam().message;
-    EXPECT_EQ(target.get("image")->batchSize(), 1U);
-    EXPECT_EQ(target.get("score")->batchSize(), 1U);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, DataItemAppendFailureTest,
-    ::testing::Values(
-        AppendFailure{"missing", 0, "Source item doesn't contain field `score`"},
-        AppendFailure{"type", 0,
-                      "Source element `image` is of type `Vector`, while target element is of type `Image`"},
-        AppendFailure{"range", 2, "Frame index 2 is greater or equal than the `image` element size: 2"}),
-    [](auto const& info) { return info.param.name; });
-
-TEST(DataItemAppend, InconsistentSourceIsRefused)
-{
-    Log::Capture capture;
-    DataItem target = imageAndScore(1);
-    DataItem source = imageAndScore(2);
-    source.set("score", makeVectorSet(1));
-    EXPECT_FALSE(target.append(source));
-    EXPECT_TRUE(capture.contains("Source item has inconsistent batch size.", "ML.DataItem"));
-    EXPECT_EQ(target.batchSize(), std::optional<std::size_t>(1));
 }
 
 // clone and equality -------------------------------------------------------------------------------------
 
-TEST(DataItemClone, DeepCopiesPixelsAndKeepsPlacement)
+TEST(DataItemClone, DeepCopiesPixelsAndKeepsPlacementOthersKeepNameAndComponentsOnly)
 {
-    DataItem item = imageAndScore(2);
+    DataItem item = batchOf(2);
     item.setName("case 7");
     item.get("image")->tagAsTarget();
+    for (auto option : {DataElement::CloneOptions::Empty, DataElement::CloneOptions::Shell}) {
+        DataItem const shallow = item.clone(option);
+        EXPECT_TRUE(shallow.empty());
+        EXPECT_EQ(shallow.name(), "case 7");
+        EXPECT_EQ(originOf(shallow), "a.nii");
+    }
+
     DataItem clone = item.clone(DataElement::CloneOptions::Deep);
     EXPECT_EQ(clone.name(), "case 7");
     EXPECT_EQ(originOf(clone), "a.nii");
     EXPECT_EQ(keysOf(clone), keysOf(item));
     EXPECT_TRUE(clone == item);
     for (std::string const field : {"image", "score"}) {
-        EXPECT_NE(clone.get(field), item.get(field));
-        for (int i = 0; i < 2; ++i) {
-            EXPECT_NE(sisOf(clone, field).getShared(i), sisOf(item, field).getShared(i));
+        for (int i = 0; i < 2; ++i)
             EXPECT_NE(sisOf(clone, field).mem(i)->data(), sisOf(item, field).mem(i)->data());
-        }
     }
+    EXPECT_NE(tensorOf(clone, 1), tensorOf(item, 1));
     EXPECT_TRUE(clone.get("image")->isTarget());
-    SharedImage const& frame = *sisOf(clone, "image").get(1);
-    EXPECT_TRUE(frame.pixelToWorld({0, 0, 0}).isApprox(Eigen::Vector3d(99.0, -2.0, -3.0)));
-    EXPECT_TRUE(frame.pixelToWorld({2, 2, 2}).isApprox(Eigen::Vector3d(101.0, 2.0, 3.0)));
+    expectFrameAt(*sisOf(clone, "image").get(1), 100.0);
 
     static_cast<float*>(sisOf(clone, "image").mem(1)->data())[5] += 1.0F;
     EXPECT_FALSE(clone == item);
-    EXPECT_TRUE(clone != item);
 }
 
-class DataItemShallowCloneTest : public ::testing::TestWithParam<DataElement::CloneOptions>
-{};
-
-TEST_P(DataItemShallowCloneTest, KeepsNameAndComponentsOnly)
+TEST(DataItemEquality, ADifferenceInContentMakesItemsUnequal)
 {
-    DataItem item = imageAndScore(2);
-    item.setName("case 8");
-    DataItem clone = item.clone(GetParam());
-    EXPECT_TRUE(clone.empty());
-    EXPECT_EQ(clone.name(), "case 8");
-    EXPECT_EQ(originOf(clone), "a.nii");
-    EXPECT_EQ(item.elements().size(), 2U);
-}
-
-INSTANTIATE_TEST_SUITE_P(Options, DataItemShallowCloneTest,
-                         ::testing::Values(DataElement::CloneOptions::Empty,
-                                           DataElement::CloneOptions::Shell));
-
-struct Difference
-{
-    std::string name;
-    void (*change)(DataItem&);
-};
-
-class DataItemEqualityTest : public ::testing::TestWithParam<Difference>
-{};
-
-TEST_P(DataItemEqualityTest, ADifferenceInContentMakesItemsUnequal)
-{
-    DataItem a = imageAndScore(2);
-    DataItem b = a.clone();
-    ASSERT_TRUE(a == b);
-    GetParam().change(b);
-    EXPECT_FALSE(a == b);
-    EXPECT_TRUE(a != b);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Changes, DataItemEqualityTest,
-    ::testing::Values(
-        Difference{
-            "Pixel",
-            [](DataItem& item) { static_cast<float*>(sisOf(item, "score").mem(1)->data())[1] = -1.0F; }},
-        Difference{"Spacing",
-                   [](DataItem& item) { sisOf(item, "image").get(0)->setSpacing(Eigen::Vector3d(1, 1, 1)); }},
-        Difference{"ShiftScale",
-                   [](DataItem& item) { sisOf(item, "image").mem(0)->setShiftScale(1.0, 2.0); }},
-        Difference{"FrameCount", [](DataItem& item) { sisOf(item, "image").remove(1); }},
-        Difference{
-            "ElementType",
-            [](DataItem& item) {
-                item.set("score", std::make_shared<TensorSet>(std::vector{scalarTensor(0), scalarTensor(1)}));
-            }},
-        Difference{"FieldCount", [](DataItem& item) { item.pop("score"); }}),
-    [](auto const& info) { return info.param.name; });
-
-TEST(DataItemEquality, AMissingKeyThrowsFromTheLookup)
-{
-    DataItem a = imageAndScore(1);
-    DataItem b = imageAndScore(1);
+    std::pair<char const*, std::function<void(DataItem&)>> const changes[] = {
+        {"pixel",
+         [](DataItem& item) { static_cast<float*>(sisOf(item, "score").mem(1)->data())[1] = -1.0F; }},
+        {"spacing",
+         [](DataItem& item) { sisOf(item, "image").get(0)->setSpacing(Eigen::Vector3d(1, 1, 1)); }},
+        {"frame count", [](DataItem& item) { sisOf(item, "image").remove(1); }},
+        {"tensor", [](DataItem& item) { tensorOf(item, 1)->bytePtr()[0] ^= 0x01; }},
+        {"keypoint",
+         [](DataItem& item) {
+             item.get<KeypointsElement>("points")->keypoints()->keypoints()[0][0][0].x() = 9;
+         }},
+        {"element type", [](DataItem& item) { item.set("score", makeSet(2)); }},
+        {"field count", [](DataItem& item) { item.pop("score"); }},
+    };
+    DataItem const a = batchOf(2);
+    for (auto const& [name, change] : changes) {
+        SCOPED_TRACE(name);
+        DataItem b = a.clone();
+        ASSERT_TRUE(a == b);
+        change(b);
+        EXPECT_TRUE(a != b);
+    }
+    // Equal sizes with different keys compare unrelated items: the lookup throws.
+    DataItem b = batchOf(2);
     b.set("other", b.pop("score"));
     expectThrowWithMessage<std::out_of_range>([&] { (void)(a == b); }, "Key not found in OrderedMap");
 }
 
 // Geometry ------------------------------------------------------------------------------------------------
 
-TEST(DataItemGeometry, SetMatrixMovesEveryChildRigidly)
-{
-    DataItem item;
-    item.set("image", makeSet(2));
-    FrameLayout flat;
-    flat.size = Eigen::Vector3i(2, 2, 1);
-    flat.spacing = Eigen::Vector3d(4.0, 4.0, 1.0);
-    flat.translation = Eigen::Vector3d(0.0, 0.0, 50.0);
-    item.set("slice", makeSet(1, flat));
-
-    // A quarter turn about z, then a shift of 5 mm along x: (x, y, z) -> (5 - y, x, z).
-    Eigen::Matrix4d m = Eigen::Matrix4d::Identity();
-    m.topLeftCorner<3, 3>() = Eigen::AngleAxisd(EIGEN_PI / 2, Eigen::Vector3d::UnitZ()).toRotationMatrix();
-    m(0, 3) = 5.0;
-    item.setMatrix(m);
-    EXPECT_TRUE(item.matrix().isApprox(m));
-
-    SharedImageSet& image = sisOf(item, "image");
-    // Frame 1 had its corner voxel (0, 0, 0) at (99, -2, -3) and (2, 2, 2) at (101, 2, 3), its
-    // centre at (100, 0, 0).
-    EXPECT_TRUE(image.get(1)->pixelToWorld({0, 0, 0}).isApprox(Eigen::Vector3d(7.0, 99.0, -3.0)));
-    EXPECT_TRUE(image.get(1)->pixelToWorld({2, 2, 2}).isApprox(Eigen::Vector3d(3.0, 101.0, 3.0)));
-    EXPECT_TRUE(image.get(1)->pixelToWorld({1, 1, 1}).isApprox(Eigen::Vector3d(5.0, 100.0, 0.0)));
-    // Frame 0: corner (-1, -2, -3) -> (7, -1, -3).
-    EXPECT_TRUE(image.get(0)->pixelToWorld({0, 0, 0}).isApprox(Eigen::Vector3d(7.0, -1.0, -3.0)));
-    // The 2x2 slice with 4 mm pixels at z = 50: pixel (0, 0) was at (-2, -2, 50), now (7, -2, 50);
-    // pixel (1, 1) was at (2, 2, 50), now (3, 2, 50).
-    SharedImage const& slice = *sisOf(item, "slice").get(0);
-    EXPECT_TRUE(slice.pixelToWorld({0, 0, 0}).isApprox(Eigen::Vector3d(7.0, -2.0, 50.0)));
-    EXPECT_TRUE(slice.pixelToWorld({1, 1, 0}).isApprox(Eigen::Vector3d(3.0, 2.0, 50.0)));
-
-    // Back to the identity undoes the move: the change is relative to the present matrix.
-    item.setMatrix(Eigen::Matrix4d::Identity());
-    EXPECT_TRUE(image.get(1)->pixelToWorld({0, 0, 0}).isApprox(Eigen::Vector3d(99.0, -2.0, -3.0)));
-    EXPECT_TRUE(slice.pixelToWorld({1, 1, 0}).isApprox(Eigen::Vector3d(2.0, 2.0, 50.0)));
-}
-
-TEST(DataItemGeometry, BoundsAreTheUnionOfTheChildren)
+TEST(DataItemGeometry, SetMatrixMovesEveryChildRigidlyAndBoundsAreTheirUnion)
 {
     DataItem item;
     item.set("image", makeSet(2));
@@ -759,26 +561,27 @@ TEST(DataItemGeometry, BoundsAreTheUnionOfTheChildren)
     item.set("slice", makeSet(1, flat));
     ASSERT_EQ(item.children().size(), 2);
     EXPECT_EQ(item.children()[0], item.get("image")->content().get());
-
     // The image frames cover x in [-1.5, 1.5] and [98.5, 101.5], y in [-3, 3], z in [-4.5, 4.5];
-    // the slice covers x, y in [-4, 4] at z = 50.
-    auto const box = item.bounds();
-    EXPECT_TRUE(box.min().isApprox(Eigen::Vector3d(-4.0, -4.0, -4.5)));
-    EXPECT_TRUE(box.max().isApprox(Eigen::Vector3d(101.5, 4.0, 50.0)));
-}
+    // the 2x2 slice with 4 mm pixels covers x, y in [-4, 4] at z = 50.
+    EXPECT_TRUE(item.bounds().min().isApprox(Eigen::Vector3d(-4.0, -4.0, -4.5)));
+    EXPECT_TRUE(item.bounds().max().isApprox(Eigen::Vector3d(101.5, 4.0, 50.0)));
 
-TEST(DataItemAppend, FrameOfAnotherPixelTypeIsRefusedBeforeAnyChange)
-{
-    DataItem target = imageAndScore(1);
-    DataItem source = imageAndScore(1);
-    auto bytes = std::make_shared<SharedImageSet>();
-    bytes->add(std::make_shared<SharedImage>(
-        std::shared_ptr<Image>(TypedImage<unsigned char>::zeros(Eigen::Vector3i(3, 3, 3), 1))));
-    source.set("score", makeVectorSet(1, 2));
-    source.set("image", bytes);
-    Log::Capture capture;
-    EXPECT_FALSE(target.appendFrame(source, 0));
-    EXPECT_TRUE(capture.containsFragment("is of pixel type"));
-    EXPECT_EQ(target.get("image")->batchSize(), 1U);
-    EXPECT_EQ(target.get("score")->batchSize(), 1U);
+    // A quarter turn about z, then a shift of 5 mm along x: (x, y, z) -> (5 - y, x, z).
+    Eigen::Matrix4d m = Eigen::Matrix4d::Identity();
+    m.topLeftCorner<3, 3>() = Eigen::AngleAxisd(EIGEN_PI / 2, Eigen::Vector3d::UnitZ()).toRotationMatrix();
+    m(0, 3) = 5.0;
+    item.setMatrix(m);
+    EXPECT_TRUE(item.matrix().isApprox(m));
+    // Frame 1 had its corner voxel (0, 0, 0) at (99, -2, -3), (2, 2, 2) at (101, 2, 3).
+    SharedImageSet& image = sisOf(item, "image");
+    EXPECT_TRUE(image.get(1)->pixelToWorld({0, 0, 0}).isApprox(Eigen::Vector3d(7.0, 99.0, -3.0)));
+    EXPECT_TRUE(image.get(1)->pixelToWorld({2, 2, 2}).isApprox(Eigen::Vector3d(3.0, 101.0, 3.0)));
+    // The slice's pixel (1, 1) was at (2, 2, 50).
+    SharedImage const& slice = *sisOf(item, "slice").get(0);
+    EXPECT_TRUE(slice.pixelToWorld({1, 1, 0}).isApprox(Eigen::Vector3d(3.0, 2.0, 50.0)));
+
+    // Back to the identity undoes the move: the change is relative to the present matrix.
+    item.setMatrix(Eigen::Matrix4d::Identity());
+    expectFrameAt(*image.get(1), 100.0);
+    EXPECT_TRUE(slice.pixelToWorld({1, 1, 0}).isApprox(Eigen::Vector3d(2.0, 2.0, 50.0)));
 }

@@ -7,6 +7,8 @@
 #include "host/image/SharedImageSet.h"
 #include "host/image/TypedImage.h"
 
+#include <gtest/gtest.h>
+
 #include <Eigen/Core>
 #include <memory>
 #include <vector>
@@ -62,6 +64,15 @@ inline std::shared_ptr<SharedImageSet> makeVectorSet(int count, int channels = 4
 inline float firstValue(SharedImage const& frame)
 {
     return static_cast<float const*>(frame.mem()->data())[0];
+}
+
+// Expects the corner and centre voxels of a 3x3x3 frame of makeSet (spacing 1, 2, 3) centred at
+// (x, 0, 0) where they belong in world coordinates: (p - 1) * spacing + (x, 0, 0).
+inline void expectFrameAt(SharedImage const& frame, double x)
+{
+    EXPECT_TRUE(frame.pixelToWorld({0, 0, 0}).isApprox(Eigen::Vector3d(x - 1.0, -2.0, -3.0)));
+    EXPECT_TRUE(frame.pixelToWorld({2, 2, 2}).isApprox(Eigen::Vector3d(x + 1.0, 2.0, 3.0)));
+    EXPECT_TRUE(frame.pixelToWorld({1, 1, 1}).isApprox(Eigen::Vector3d(x, 0.0, 0.0)));
 }
 
 } // namespace Velmoria::MLTest

@@ -1,3 +1,6 @@
+// The annotation sets (keypoints, boxes): bounds, equality and tolerance, appending, copies,
+// rigid moves, and the conversion of keypoints to and from labelled point clouds.
+
 #include "ml/data/KeypointSet.h"
 
 #include "ml/data/BoundingBoxSet.h"
@@ -41,81 +44,60 @@ Eigen::Matrix4d rotationZ90WithShift()
     return transform.matrix();
 }
 
+std::unique_ptr<PointCloud> labelledCloud(std::vector<Vector3d> points, std::vector<int> labels)
+{
+    auto cloud = std::make_unique<PointCloud>(std::move(points), false, false);
+    if (!labels.empty()) {
+        EXPECT_TRUE(cloud->setLabels(std::move(labels)));
+    }
+    return cloud;
+}
+
 } // namespace
 
 // Containers ---------------------------------------------------------------------------------
 
-TEST(KeypointSet, BoundsSurroundAllPointsOfAllFrames)
+TEST(AnnotationSets, BoundsSurroundAllPointsAndBoxCorners)
 {
-    KeypointSet const set = sampleKeypoints();
-    EXPECT_EQ(set.size(), 2u);
-    EXPECT_EQ(set.numPoints(), 3u);
-    EXPECT_EQ(set.bounds(), Geometry::AlignedBox(Vector3d(-4, 0, -1), Vector3d(1, 5, 3)));
-    EXPECT_TRUE(KeypointSet().bounds().isEmpty());
+    KeypointSet const keypoints = sampleKeypoints();
+    EXPECT_EQ(keypoints.numPoints(), 3u);
+    EXPECT_EQ(keypoints.describe(), "KeypointSet '' (2 frames, 3 points)");
+    EXPECT_EQ(keypoints.bounds(), Geometry::AlignedBox(Vector3d(-4, 0, -1), Vector3d(1, 5, 3)));
     EXPECT_TRUE(KeypointSet(KeypointSet::Keypoints{{{}, {}}}).bounds().isEmpty());
-}
-
-TEST(BoundingBoxSet, BoundsSurroundAllBoxCorners)
-{
-    BoundingBoxSet const set = sampleBoxes();
-    EXPECT_EQ(set.bounds(), Geometry::AlignedBox(Vector3d(-1, -2, -3), Vector3d(10.5, 2, 3)));
+    EXPECT_EQ(sampleBoxes().bounds(), Geometry::AlignedBox(Vector3d(-1, -2, -3), Vector3d(10.5, 2, 3)));
     EXPECT_TRUE(BoundingBoxSet().bounds().isEmpty());
-}
 
-TEST(Box, CornersAndFromCornersAreInverse)
-{
     Box const box{Vector3d(1, 2, 3), Vector3d(2, 4, 8)};
     EXPECT_EQ(box.topLeft(), Vector3d(0, 0, -1));
     EXPECT_EQ(box.bottomRight(), Vector3d(2, 4, 7));
     EXPECT_EQ(Box::fromCorners(box.topLeft(), box.bottomRight()), box);
 }
 
-TEST(KeypointSet, IsAnAnnotationInWorldCoordinates)
-{
-    KeypointSet const set = sampleKeypoints();
-    EXPECT_EQ(set.kind(), Data::Kind::Annotation);
-    EXPECT_TRUE(set.isAnnotationType());
-    EXPECT_TRUE(set.matrix().isIdentity(0.0));
-    EXPECT_EQ(set.describe(), "KeypointSet '' (2 frames, 3 points)");
-}
-
-TEST(KeypointSet, NanMakesSetsUnequalEvenToThemselves)
-{
-    KeypointSet a = sampleKeypoints();
-    KeypointSet b = sampleKeypoints();
-    EXPECT_TRUE(a.isEqual(b));
-    EXPECT_TRUE(a == b);
-    b.keypoints()[0][1][0].y() = kNan;
-    EXPECT_FALSE(a.isEqual(b));
-    EXPECT_FALSE(b.isEqual(a));
-    EXPECT_FALSE(b.isEqual(b));
-    EXPECT_FALSE(a.isApprox(b));
-    EXPECT_TRUE(a != b);
-}
-
-TEST(BoundingBoxSet, NanInExtentMakesSetsUnequal)
-{
-    BoundingBoxSet a = sampleBoxes();
-    BoundingBoxSet b = sampleBoxes();
-    EXPECT_TRUE(a == b);
-    b.boxes()[1][0][0].extent.z() = kNan;
-    EXPECT_FALSE(a == b);
-    EXPECT_FALSE(a.isApprox(b));
-}
-
-TEST(KeypointSet, StructureMustMatchForEqualityAndApprox)
+TEST(AnnotationSets, NanOrAnotherStructureMakesSetsUnequal)
 {
     KeypointSet const base = sampleKeypoints();
+    EXPECT_TRUE(base == sampleKeypoints());
+    KeypointSet withNan = sampleKeypoints();
+    withNan.keypoints()[0][1][0].y() = kNan;
+    EXPECT_FALSE(withNan.isEqual(withNan));
     KeypointSet extraChannel = sampleKeypoints();
     extraChannel.keypoints()[1].emplace_back();
     KeypointSet extraFrame = sampleKeypoints();
     extraFrame.keypoints().emplace_back();
     // The same points, but one moved to the other channel.
     KeypointSet moved({{{Vector3d(1, 2, 3)}, {Vector3d(-4, 0, 0), Vector3d(0, 5, -1)}}, {{}}});
-    for (KeypointSet const* other : {&extraChannel, &extraFrame, &moved}) {
+    for (KeypointSet const* other : {&withNan, &extraChannel, &extraFrame, &moved}) {
         EXPECT_FALSE(base.isEqual(*other));
+        EXPECT_FALSE(other->isEqual(base));
         EXPECT_FALSE(base.isApprox(*other));
+        EXPECT_TRUE(base != *other);
     }
+
+    BoundingBoxSet boxes = sampleBoxes();
+    EXPECT_TRUE(boxes == sampleBoxes());
+    boxes.boxes()[1][0][0].extent.z() = kNan;
+    EXPECT_FALSE(boxes == sampleBoxes());
+    EXPECT_FALSE(boxes.isApprox(sampleBoxes()));
 }
 
 struct ApproxCase
@@ -152,7 +134,7 @@ INSTANTIATE_TEST_SUITE_P(
                       ApproxCase{Vector3d::Zero(), Vector3d(1e-6, 0, 0), false},        // beyond the floor
                       ApproxCase{Vector3d(1e-3, 0, 0), Vector3d(0, 1e-7, 0), false}));  // 1e-4 relative
 
-TEST(KeypointSet, AppendFrameCopiesAndChecksTheIndex)
+TEST(AnnotationSets, AppendFrameCopiesAndChecksTheIndex)
 {
     KeypointSet target;
     KeypointSet const source = sampleKeypoints();
@@ -175,11 +157,14 @@ TEST(KeypointSet, AppendFrameCopiesAndChecksTheIndex)
     EXPECT_EQ(boxes, sampleBoxes());
 }
 
-TEST(KeypointSet, CopiesCarryNameAndComponents)
+TEST(AnnotationSets, CopiesMovesAndSwapsCarryNameComponentsAndSelection)
 {
     KeypointSet set = sampleKeypoints();
     set.setName("landmarks");
     set.components().add(std::make_unique<TargetTag>());
+    set.setSelection(Selection({1, 3}, 3));
+    EXPECT_EQ(set.selection().indices(), (std::vector<int>{1}));
+
     KeypointSet const copy(set);
     EXPECT_EQ(copy, set);
     EXPECT_EQ(copy.name(), "landmarks");
@@ -195,34 +180,29 @@ TEST(KeypointSet, CopiesCarryNameAndComponents)
     KeypointSet other;
     EXPECT_TRUE(other.swapWith(moved));
     EXPECT_EQ(other.name(), "landmarks");
-    EXPECT_EQ(other.size(), 2u);
+    EXPECT_EQ(other.selection().indices(), (std::vector<int>{1}));
     EXPECT_TRUE(moved.empty());
 }
 
-TEST(KeypointSet, MovingTheSetMovesThePointsAndKeepsTheIdentity)
+TEST(AnnotationSets, MovingTheSetMovesTheEntriesAndKeepsTheIdentity)
 {
-    KeypointSet set({{{Vector3d(1, 0, 0)}, {Vector3d(0, 2, 0)}}});
-    set.setMatrixToWorld(rotationZ90WithShift());
-    EXPECT_TRUE(set.matrixToWorld().isIdentity(0.0));
-    EXPECT_TRUE(set.keypoints()[0][0][0].isApprox(Vector3d(10, 21, 30)));
-    EXPECT_TRUE(set.keypoints()[0][1][0].isApprox(Vector3d(8, 20, 30)));
-}
+    KeypointSet points({{{Vector3d(1, 0, 0)}, {Vector3d(0, 2, 0)}}});
+    points.setMatrixToWorld(rotationZ90WithShift());
+    EXPECT_TRUE(points.matrixToWorld().isIdentity(0.0));
+    EXPECT_TRUE(points.keypoints()[0][0][0].isApprox(Vector3d(10, 21, 30)));
+    EXPECT_TRUE(points.keypoints()[0][1][0].isApprox(Vector3d(8, 20, 30)));
 
-TEST(BoundingBoxSet, MovingTheSetRotatesBoxesToTheirAlignedHull)
-{
-    BoundingBoxSet set({{{Box{Vector3d(1, 0, 0), Vector3d(2, 4, 6)}}}});
-    set.setMatrix(rotationZ90WithShift());
-    Box const& box = set.boxes()[0][0][0];
+    BoundingBoxSet boxes({{{Box{Vector3d(1, 0, 0), Vector3d(2, 4, 6)}}}});
+    boxes.setMatrix(rotationZ90WithShift());
+    Box const& box = boxes.boxes()[0][0][0];
     EXPECT_TRUE(box.center.isApprox(Vector3d(10, 21, 30)));
-    // A quarter turn about z swaps the x and y widths.
+    // A quarter turn about z swaps the x and y widths of the aligned hull.
     EXPECT_TRUE(box.extent.isApprox(Vector3d(4, 2, 6)));
-    EXPECT_TRUE(set.matrix().isIdentity(0.0));
+    EXPECT_TRUE(boxes.matrix().isIdentity(0.0));
 }
 
 TEST(AnnotationSets, CanBeShownOnlyWhenEveryEntryIsDrawable)
 {
-    EXPECT_TRUE(KeypointSet().canBeShownIn2D3D());
-    EXPECT_TRUE(BoundingBoxSet().canBeShownIn2D3D());
     EXPECT_TRUE(sampleKeypoints().canBeShownIn2D3D());
     EXPECT_TRUE(sampleBoxes().canBeShownIn2D3D());
     KeypointSet withNan = sampleKeypoints();
@@ -233,94 +213,53 @@ TEST(AnnotationSets, CanBeShownOnlyWhenEveryEntryIsDrawable)
     EXPECT_FALSE(inverted.canBeShownIn2D3D());
 }
 
-TEST(AnnotationSets, SelectionStaysWithinTheFrames)
-{
-    KeypointSet set = sampleKeypoints();
-    set.setSelection(Selection({1, 3}, 3));
-    EXPECT_EQ(set.selection().indices(), (std::vector<int>{1}));
-    EXPECT_LT(set.focus(), 2);
-}
-
 // Point clouds -------------------------------------------------------------------------------
 
-TEST(PointCloudConversion, LabelsOneAndThreeGiveChannelsZeroAndTwo)
+TEST(PointCloudConversion, LabelsBecomeChannelsOfWorldPointsInEveryFrame)
 {
-    PointCloud cloud({Vector3d(1, 0, 0), Vector3d(2, 0, 0), Vector3d(3, 0, 0)}, false, false);
-    ASSERT_TRUE(cloud.setLabels({3, 1, 3}));
+    auto first = labelledCloud({Vector3d(1, 0, 0), Vector3d(2, 0, 0), Vector3d(3, 0, 5)}, {3, 1, 3});
+    first->setMatrixToWorld(rotationZ90WithShift());
+    auto const second = labelledCloud({Vector3d(2, 2, 2)}, {4});
     Log::Capture capture;
-    KeypointSet const set(cloud);
+    KeypointSet const set(std::vector<PointCloud const*>{first.get(), second.get()});
     EXPECT_TRUE(capture.records().empty());
-    ASSERT_EQ(set.size(), 1u);
-    ASSERT_EQ(set.keypoints()[0].size(), 3u);
-    EXPECT_EQ(set.keypoints()[0][0], (std::vector<Vector3d>{Vector3d(2, 0, 0)}));
-    EXPECT_TRUE(set.keypoints()[0][1].empty());
-    EXPECT_EQ(set.keypoints()[0][2], (std::vector<Vector3d>{Vector3d(1, 0, 0), Vector3d(3, 0, 0)}));
-}
-
-TEST(PointCloudConversion, FramesShareTheLargestChannelCount)
-{
-    PointCloud first({Vector3d(1, 1, 1)}, false, false);
-    first.setLabels({1});
-    PointCloud second({Vector3d(2, 2, 2)}, false, false);
-    second.setLabels({4});
-    KeypointSet const set(std::vector<PointCloud const*>{&first, &second});
     ASSERT_EQ(set.size(), 2u);
-    EXPECT_EQ(set.keypoints()[0].size(), 4u);
-    EXPECT_EQ(set.keypoints()[1].size(), 4u);
+    // Label l goes to channel l - 1; every frame has the largest channel count.
+    ASSERT_EQ(set.keypoints()[0].size(), 4u);
+    ASSERT_EQ(set.keypoints()[0][0].size(), 1u);
+    EXPECT_TRUE(set.keypoints()[0][0][0].isApprox(Vector3d(10, 22, 30)));
+    EXPECT_TRUE(set.keypoints()[0][1].empty());
+    ASSERT_EQ(set.keypoints()[0][2].size(), 2u);
+    EXPECT_TRUE(set.keypoints()[0][2][0].isApprox(Vector3d(10, 21, 30)));
+    EXPECT_TRUE(set.keypoints()[0][2][1].isApprox(Vector3d(10, 23, 35)));
+    ASSERT_EQ(set.keypoints()[1].size(), 4u);
     EXPECT_EQ(set.keypoints()[1][3], (std::vector<Vector3d>{Vector3d(2, 2, 2)}));
 }
 
-TEST(PointCloudConversion, CloudWithoutLabelsWarnsAndUsesChannelZero)
+TEST(PointCloudConversion, UnusableCloudsAreReported)
 {
-    PointCloud cloud({Vector3d(1, 0, 0), Vector3d(0, 1, 0)}, false, false);
+    auto const good = labelledCloud({Vector3d(1, 0, 0)}, {1});
+    auto const zeroLabel = labelledCloud({Vector3d(1, 0, 0), Vector3d(2, 0, 0)}, {2, 0});
+    auto const negativeLabel = labelledCloud({Vector3d(1, 0, 0)}, {-100});
+    std::string const labelError =
+        "PointCloud labels are expected to be > 0 to be correctly mapped to KeypointSet channels.";
+    for (PointCloud const* bad : {zeroLabel.get(), negativeLabel.get(), static_cast<PointCloud*>(nullptr)}) {
+        Log::Capture capture;
+        EXPECT_TRUE(KeypointSet(std::vector<PointCloud const*>{good.get(), bad}).empty());
+        EXPECT_TRUE(capture.contains(
+            bad ? labelError : "PointCloud 1 of 2 is null; no KeypointSet can be made", "ML.KeypointSet"));
+    }
+
+    // A cloud without labels is usable: every point goes to the first channel, with a warning.
+    auto const unlabelled = labelledCloud({Vector3d(1, 0, 0), Vector3d(0, 1, 0)}, {});
     Log::Capture capture;
-    KeypointSet const set(cloud);
-    EXPECT_TRUE(
-        capture.contains("PointCloud does not have any label - all points will be mapped to the zero label.",
-                         "ML.KeypointSet"));
-    EXPECT_EQ(capture.messages(Log::Warning).size(), 1u);
+    KeypointSet const set(*unlabelled);
+    EXPECT_EQ(capture.messages(Log::Warning),
+              std::vector<std::string>{
+                  "PointCloud does not have any label - all points will be mapped to the zero label."});
     ASSERT_EQ(set.size(), 1u);
     ASSERT_EQ(set.keypoints()[0].size(), 1u);
     EXPECT_EQ(set.keypoints()[0][0].size(), 2u);
-}
-
-class PointCloudBadLabelTest : public ::testing::TestWithParam<int>
-{};
-
-TEST_P(PointCloudBadLabelTest, LabelBelowOneGivesAnEmptySet)
-{
-    PointCloud good({Vector3d(1, 0, 0)}, false, false);
-    good.setLabels({1});
-    PointCloud bad({Vector3d(1, 0, 0), Vector3d(2, 0, 0)}, false, false);
-    bad.setLabels({2, GetParam()});
-    Log::Capture capture;
-    KeypointSet const set(std::vector<PointCloud const*>{&good, &bad});
-    EXPECT_TRUE(set.empty());
-    EXPECT_TRUE(capture.contains(
-        "PointCloud labels are expected to be > 0 to be correctly mapped to KeypointSet channels.",
-        "ML.KeypointSet"));
-}
-
-INSTANTIATE_TEST_SUITE_P(Labels, PointCloudBadLabelTest, ::testing::Values(0, -1, -100));
-
-TEST(PointCloudConversion, NullCloudGivesAnEmptySet)
-{
-    Log::Capture capture;
-    KeypointSet const set(std::vector<PointCloud const*>{nullptr});
-    EXPECT_TRUE(set.empty());
-    EXPECT_TRUE(capture.contains("PointCloud 0 of 1 is null; no KeypointSet can be made", "ML.KeypointSet"));
-}
-
-TEST(PointCloudConversion, PlacedCloudGivesWorldCoordinates)
-{
-    PointCloud cloud({Vector3d(1, 0, 0), Vector3d(0, 0, 5)}, false, false);
-    cloud.setLabels({1, 2});
-    cloud.setMatrixToWorld(rotationZ90WithShift());
-    KeypointSet const set(cloud);
-    ASSERT_EQ(set.size(), 1u);
-    ASSERT_EQ(set.keypoints()[0].size(), 2u);
-    EXPECT_TRUE(set.keypoints()[0][0][0].isApprox(Vector3d(10, 21, 30)));
-    EXPECT_TRUE(set.keypoints()[0][1][0].isApprox(Vector3d(10, 20, 35)));
 }
 
 TEST(PointCloudConversion, KeypointsToCloudsAndBack)

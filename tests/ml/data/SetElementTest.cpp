@@ -38,8 +38,7 @@ struct KeypointsCase
     using Element = KeypointsElement;
     using Set = KeypointSet;
     static constexpr ElementType type = ElementType::Keypoint;
-    static constexpr char const* invalidMessage = "Input KeypointSet must be valid.";
-    static constexpr char const* wrongTypeMessage = "Can only set content of type KeypointSet";
+    static constexpr char const* contentName = "KeypointSet";
     static constexpr int dimension = 0;
     static constexpr bool shellShares = false;
 
@@ -51,6 +50,7 @@ struct KeypointsCase
         return set;
     }
     static std::shared_ptr<Set> content(Element const& element) { return element.keypoints(); }
+    static void setSet(Element& element, std::shared_ptr<Set> set) { element.setKeypoints(std::move(set)); }
     static bool sampleEquals(Set const& a, std::size_t i, Set const& b, std::size_t j)
     {
         return a.keypoints().at(i) == b.keypoints().at(j);
@@ -63,8 +63,7 @@ struct BoxesCase
     using Element = BoundingBoxElement;
     using Set = BoundingBoxSet;
     static constexpr ElementType type = ElementType::BoundingBox;
-    static constexpr char const* invalidMessage = "Input BoundingBoxSet must be valid.";
-    static constexpr char const* wrongTypeMessage = "Can only set content of type BoundingBoxSet";
+    static constexpr char const* contentName = "BoundingBoxSet";
     static constexpr int dimension = 0;
     static constexpr bool shellShares = false;
 
@@ -76,6 +75,7 @@ struct BoxesCase
         return set;
     }
     static std::shared_ptr<Set> content(Element const& element) { return element.boxes(); }
+    static void setSet(Element& element, std::shared_ptr<Set> set) { element.setBoxes(std::move(set)); }
     static bool sampleEquals(Set const& a, std::size_t i, Set const& b, std::size_t j)
     {
         return a.boxes().at(i) == b.boxes().at(j);
@@ -88,8 +88,7 @@ struct TensorsCase
     using Element = TensorSetElement;
     using Set = TensorSet;
     static constexpr ElementType type = ElementType::Tensor;
-    static constexpr char const* invalidMessage = "Input Tensor must be valid.";
-    static constexpr char const* wrongTypeMessage = "Can only set content of type Tensor";
+    static constexpr char const* contentName = "Tensor";
     static constexpr int dimension = 2;
     static constexpr bool shellShares = true;
 
@@ -103,6 +102,7 @@ struct TensorsCase
         return set;
     }
     static std::shared_ptr<Set> content(Element const& element) { return element.tensorSet(); }
+    static void setSet(Element& element, std::shared_ptr<Set> set) { element.setTensorSet(std::move(set)); }
     static bool sampleEquals(Set const& a, std::size_t i, Set const& b, std::size_t j)
     {
         return *a.tensors().at(i) == *b.tensors().at(j);
@@ -116,7 +116,7 @@ class SetElementTest : public ::testing::Test
 protected:
     using Element = typename Case::Element;
 
-    // Three samples, named, tagged as target.
+    // `samples` samples, named, tagged as target.
     std::shared_ptr<Element> makeElement(std::size_t samples = 3)
     {
         auto set = Case::make(samples);
@@ -132,117 +132,86 @@ TYPED_TEST_SUITE(SetElementTest, Cases);
 
 } // namespace
 
-TYPED_TEST(SetElementTest, BatchSizeTypeAndDimension)
+TYPED_TEST(SetElementTest, SplitGivesOneSampleEachAndStackRestoresTheBatchInOrder)
 {
     auto element = this->makeElement(3);
-    EXPECT_EQ(element->batchSize(), 3u);
     EXPECT_EQ(element->type(), TypeParam::type);
     EXPECT_EQ(element->dimension(), TypeParam::dimension);
-    EXPECT_EQ(element->content(), std::static_pointer_cast<Data>(TypeParam::content(*element)));
-    EXPECT_EQ(typename TypeParam::Element(TypeParam::make(0)).batchSize(), 0u);
-}
-
-TYPED_TEST(SetElementTest, SplitGivesOneSamplePerElementWithTheComponents)
-{
-    auto element = this->makeElement(3);
+    auto const whole = TypeParam::content(*element);
     auto const parts = element->split();
     ASSERT_EQ(parts.size(), 3u);
-    auto const whole = TypeParam::content(*element);
+    std::vector<std::shared_ptr<typename TypeParam::Element>> reversed;
     for (std::size_t i = 0; i < parts.size(); ++i) {
-        auto const* part = dynamic_cast<typename TypeParam::Element const*>(parts[i].get());
+        auto const part = std::dynamic_pointer_cast<typename TypeParam::Element>(parts[i]);
         ASSERT_NE(part, nullptr);
         EXPECT_EQ(part->batchSize(), 1u);
         EXPECT_TRUE(part->isTarget());
         EXPECT_EQ(TypeParam::content(*part)->name(), "annotations");
         EXPECT_TRUE(TypeParam::sampleEquals(*TypeParam::content(*part), 0, *whole, i)) << "sample " << i;
+        reversed.insert(reversed.begin(), part);
     }
     EXPECT_EQ(element->batchSize(), 3u);
-}
 
-TYPED_TEST(SetElementTest, StackOfTheSplitRestoresTheBatchInOrder)
-{
-    auto element = this->makeElement(3);
-    auto const parts = element->split();
-    std::vector<std::shared_ptr<typename TypeParam::Element>> typed;
-    for (auto it = parts.rbegin(); it != parts.rend(); ++it)
-        typed.push_back(std::static_pointer_cast<typename TypeParam::Element>(*it));
-
-    auto const stacked = TypeParam::Element::stack(typed);
+    auto const stacked = TypeParam::Element::stack(reversed);
     ASSERT_NE(stacked, nullptr);
-    EXPECT_EQ(stacked->batchSize(), 3u);
     EXPECT_TRUE(stacked->isTarget());
-    auto const whole = TypeParam::content(*element);
+    ASSERT_EQ(stacked->batchSize(), 3u);
     for (std::size_t i = 0; i < 3; ++i)
         EXPECT_TRUE(TypeParam::sampleEquals(*TypeParam::content(*stacked), i, *whole, 2 - i))
             << "sample " << i;
 
     // The generic entry point dispatches to the same function.
-    std::vector<std::shared_ptr<DataElement>> generic{parts.begin(), parts.end()};
-    auto const viaBase = DataElement::stack(generic);
+    auto const viaBase = DataElement::stack(parts);
     ASSERT_NE(viaBase, nullptr);
     EXPECT_EQ(viaBase->type(), TypeParam::type);
     EXPECT_EQ(viaBase->batchSize(), 3u);
-}
 
-TYPED_TEST(SetElementTest, StackRefusesEmptyListsAndNullElements)
-{
     EXPECT_EQ(TypeParam::Element::stack({}), nullptr);
     Log::Capture capture;
     EXPECT_EQ(TypeParam::Element::stack({this->makeElement(1), nullptr}), nullptr);
     EXPECT_EQ(capture.messages(Log::Error).size(), 1u);
 }
 
-TYPED_TEST(SetElementTest, CloneEmptyKeepsAttributesButNoSamples)
-{
-    auto element = this->makeElement(3);
-    auto const clone = element->clone(DataElement::CloneOptions::Empty);
-    ASSERT_NE(clone, nullptr);
-    EXPECT_EQ(clone->type(), TypeParam::type);
-    EXPECT_EQ(clone->batchSize(), 0u);
-    EXPECT_TRUE(clone->isTarget());
-    EXPECT_EQ(clone->content()->name(), "annotations");
-    EXPECT_NE(clone->content(), element->content());
-}
-
-TYPED_TEST(SetElementTest, CloneDeepIsEqualAndIndependent)
+TYPED_TEST(SetElementTest, ClonesKeepTheAttributesAndCopyAsTheirOptionSays)
 {
     auto element = this->makeElement(2);
-    auto const clone = element->clone(DataElement::CloneOptions::Deep);
-    auto const* typed = dynamic_cast<typename TypeParam::Element const*>(clone.get());
-    ASSERT_NE(typed, nullptr);
-    auto const copy = TypeParam::content(*typed);
     auto const original = TypeParam::content(*element);
-    EXPECT_NE(copy, original);
-    EXPECT_TRUE(*copy == *original);
-    EXPECT_TRUE(typed->isTarget());
-    TypeParam::modify(*copy);
-    EXPECT_FALSE(*copy == *original);
+    auto const empty = element->clone(DataElement::CloneOptions::Empty);
+    EXPECT_EQ(empty->type(), TypeParam::type);
+    EXPECT_EQ(empty->batchSize(), 0u);
+    EXPECT_TRUE(empty->isTarget());
+    EXPECT_EQ(empty->content()->name(), "annotations");
+    EXPECT_NE(empty->content(), element->content());
+
+    auto const deep = element->clone(DataElement::CloneOptions::Deep);
+    auto const deepCopy = TypeParam::content(dynamic_cast<typename TypeParam::Element const&>(*deep));
+    EXPECT_NE(deepCopy, original);
+    EXPECT_TRUE(*deepCopy == *original);
+    EXPECT_TRUE(deep->isTarget());
+    TypeParam::modify(*deepCopy);
+    EXPECT_FALSE(*deepCopy == *original);
     EXPECT_TRUE(*original == *TypeParam::make(2));
-}
 
-TYPED_TEST(SetElementTest, CloneShellKeepsTheSamples)
-{
-    auto element = this->makeElement(2);
-    auto const clone = element->clone(DataElement::CloneOptions::Shell);
-    auto const* typed = dynamic_cast<typename TypeParam::Element const*>(clone.get());
-    ASSERT_NE(typed, nullptr);
-    EXPECT_EQ(typed->batchSize(), 2u);
-    auto const copy = TypeParam::content(*typed);
-    EXPECT_NE(copy, TypeParam::content(*element));
-    TypeParam::modify(*copy);
     // Tensors are shared by a shell clone, keypoints and boxes are copied.
-    EXPECT_EQ(*copy == *TypeParam::content(*element), TypeParam::shellShares);
+    auto const shell = element->clone(DataElement::CloneOptions::Shell);
+    EXPECT_EQ(shell->batchSize(), 2u);
+    auto const shellCopy = TypeParam::content(dynamic_cast<typename TypeParam::Element const&>(*shell));
+    EXPECT_NE(shellCopy, original);
+    TypeParam::modify(*shellCopy);
+    EXPECT_EQ(*shellCopy == *original, TypeParam::shellShares);
 }
 
-TYPED_TEST(SetElementTest, InvalidContentThrowsWithTheSetName)
+TYPED_TEST(SetElementTest, InvalidContentThrowsWithTheSetNameAndKeepsTheContent)
 {
     using Element = typename TypeParam::Element;
-    EXPECT_EQ(thrownMessage([] { Element element(nullptr); }), TypeParam::invalidMessage);
+    std::string const invalid = std::string("Input ") + TypeParam::contentName + " must be valid.";
+    std::string const wrongType = std::string("Can only set content of type ") + TypeParam::contentName;
+    EXPECT_EQ(thrownMessage([] { Element element(nullptr); }), invalid);
 
     auto element = this->makeElement(1);
-    EXPECT_EQ(thrownMessage([&] { element->setContent(std::make_shared<PointCloud>()); }),
-              TypeParam::wrongTypeMessage);
-    EXPECT_EQ(thrownMessage([&] { element->setContent(nullptr); }), TypeParam::wrongTypeMessage);
+    EXPECT_EQ(thrownMessage([&] { TypeParam::setSet(*element, nullptr); }), invalid);
+    EXPECT_EQ(thrownMessage([&] { element->setContent(std::make_shared<PointCloud>()); }), wrongType);
+    EXPECT_EQ(thrownMessage([&] { element->setContent(nullptr); }), wrongType);
     EXPECT_EQ(element->batchSize(), 1u);
 
     auto replacement = TypeParam::make(4);
@@ -251,55 +220,26 @@ TYPED_TEST(SetElementTest, InvalidContentThrowsWithTheSetName)
     EXPECT_EQ(TypeParam::content(*element), replacement);
 }
 
-TEST(SetElementSetters, NullSetsThrowAndKeepTheContent)
-{
-    KeypointsElement keypoints(KeypointsCase::make(2));
-    EXPECT_EQ(thrownMessage([&] { keypoints.setKeypoints(nullptr); }), "Input KeypointSet must be valid.");
-    EXPECT_EQ(keypoints.batchSize(), 2u);
-    BoundingBoxElement boxes(BoxesCase::make(2));
-    EXPECT_EQ(thrownMessage([&] { boxes.setBoxes(nullptr); }), "Input BoundingBoxSet must be valid.");
-    EXPECT_EQ(boxes.batchSize(), 2u);
-    TensorSetElement tensors(TensorsCase::make(2));
-    EXPECT_EQ(thrownMessage([&] { tensors.setTensorSet(nullptr); }), "Input Tensor must be valid.");
-    EXPECT_EQ(tensors.batchSize(), 2u);
-}
-
 // Tensor sharing -----------------------------------------------------------------------------
 
 TEST(TensorSetElement, SplitAndStackShareTheTensors)
 {
     auto set = TensorsCase::make(3);
     auto element = std::make_shared<TensorSetElement>(set);
-    auto const parts = element->split();
-    ASSERT_EQ(parts.size(), 3u);
     std::vector<std::shared_ptr<TensorSetElement>> typed;
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        typed.push_back(std::static_pointer_cast<TensorSetElement>(parts[i]));
-        EXPECT_EQ(typed.back()->tensor(0), set->getShared(i));
-    }
+    for (auto const& part : element->split())
+        typed.push_back(std::static_pointer_cast<TensorSetElement>(part));
+    ASSERT_EQ(typed.size(), 3u);
     auto const stacked = TensorSetElement::stack(typed);
     ASSERT_NE(stacked, nullptr);
-    for (std::size_t i = 0; i < 3; ++i)
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(typed[i]->tensor(0), set->getShared(i));
         EXPECT_EQ(stacked->tensor(i), set->getShared(i));
+    }
+    EXPECT_EQ(stacked->tensor(1)->toFloatVector().front(), 1.f);
 
-    auto const deep = element->clone(DataElement::CloneOptions::Deep);
-    EXPECT_NE(static_cast<TensorSetElement const&>(*deep).tensor(0), set->getShared(0));
-}
-
-TEST(TensorSetElement, StackRefusesSetsOfSeveralTensors)
-{
-    auto single = std::make_shared<TensorSetElement>(TensorsCase::make(1));
-    auto multiple = std::make_shared<TensorSetElement>(TensorsCase::make(2));
+    // A set of several tensors is not one sample and cannot be stacked.
     Log::Capture capture;
-    EXPECT_EQ(TensorSetElement::stack({single, multiple}), nullptr);
+    EXPECT_EQ(TensorSetElement::stack({typed[0], element}), nullptr);
     EXPECT_TRUE(capture.contains("Stack not possible when sets have multiple elements", "ML.TensorSet"));
-}
-
-TEST(TensorSetElement, TensorAccessOutOfBoundsIsNull)
-{
-    TensorSetElement element(TensorsCase::make(2));
-    Log::Capture capture;
-    EXPECT_EQ(element.tensor(2), nullptr);
-    EXPECT_TRUE(capture.contains("Accessing TensorSet out of bounds: 2/2", "ML.TensorSet"));
-    EXPECT_EQ(element.tensor(1)->toFloatVector().front(), 1.f);
 }

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -18,39 +19,29 @@
 namespace Velmoria::ML {
 namespace {
 
-// ---- Parsing -----------------------------------------------------------------------------------
-
-struct ParseCase
+TEST(CudaCapabilityParse, FindsTheFirstVersionWithItsPtxFlag)
 {
-    std::string label;
-    std::string text;
-    std::optional<CudaComputeCapability> expected;
-};
+    struct Case
+    {
+        std::string text;
+        std::optional<CudaComputeCapability> expected;
+    };
+    Case const cases[] = {
+        {"8.6", CudaComputeCapability{8, 6, false}},
+        {"9.0+PTX", CudaComputeCapability{9, 0, true}},
+        {"10.0a+PTX", CudaComputeCapability{10, 0, true}},
+        {"7.12", CudaComputeCapability{7, 12, false}},
+        {"arch 7.5 only", CudaComputeCapability{7, 5, false}},
+        {"8.0+ptx", CudaComputeCapability{8, 0, false}}, // the flag is upper case only
+        {"sm_86", std::nullopt},
+        {"", std::nullopt},
+        {"99999999999.0", std::nullopt},
+    };
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.text);
+        EXPECT_EQ(CudaComputeCapability::parse(c.text), c.expected);
+    }
 
-class CudaCapabilityParseTest : public ::testing::TestWithParam<ParseCase>
-{};
-
-TEST_P(CudaCapabilityParseTest, Parses)
-{
-    auto const parsed = CudaComputeCapability::parse(GetParam().text);
-    EXPECT_EQ(parsed, GetParam().expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, CudaCapabilityParseTest,
-    ::testing::Values(ParseCase{"Plain", "8.6", CudaComputeCapability{8, 6, false}},
-                      ParseCase{"Ptx", "9.0+PTX", CudaComputeCapability{9, 0, true}},
-                      ParseCase{"ArchitectureLetters", "9.0a", CudaComputeCapability{9, 0, false}},
-                      ParseCase{"LettersAndPtx", "10.0a+PTX", CudaComputeCapability{10, 0, true}},
-                      ParseCase{"TwoDigitMinor", "7.12", CudaComputeCapability{7, 12, false}},
-                      ParseCase{"InsideText", "arch 7.5 only", CudaComputeCapability{7, 5, false}},
-                      ParseCase{"LowerCasePtxIsNoFlag", "8.0+ptx", CudaComputeCapability{8, 0, false}},
-                      ParseCase{"NoVersion", "sm_86", std::nullopt}, ParseCase{"Empty", "", std::nullopt},
-                      ParseCase{"TooLarge", "99999999999.0", std::nullopt}),
-    [](auto const& info) { return info.param.label; });
-
-TEST(CudaCapabilityListTest, ParsesEveryEntryAndPrintsThem)
-{
     auto const list = CudaComputeCapability::parseList("8.0;8.6 9.0+PTX");
     ASSERT_EQ(list.size(), 3U);
     EXPECT_EQ(list[2], (CudaComputeCapability{9, 0, true}));
@@ -58,15 +49,13 @@ TEST(CudaCapabilityListTest, ParsesEveryEntryAndPrintsThem)
     EXPECT_EQ(list[2].toString(), "9.0+PTX");
 }
 
-// ---- The support rule --------------------------------------------------------------------------
-
 struct SupportCase
 {
     std::string label;
     int major, minor, runtimeMajor, runtimeMinor;
     std::string entries; // parsed with parseList
     bool expected;
-    std::string message; // expected log line, empty for none at error level
+    std::string fragment; // of the expected log line, empty for none at error level
 };
 
 class CudaSupportTest : public ::testing::TestWithParam<SupportCase>
@@ -82,10 +71,10 @@ TEST_P(CudaSupportTest, Decides)
                                                             CudaComputeCapability::parseList(c.entries));
     Log::g_globalLevel = level;
     EXPECT_EQ(supported, c.expected);
-    if (c.message.empty())
+    if (c.fragment.empty())
         EXPECT_TRUE(capture.messages(Log::Error).empty());
     else
-        EXPECT_TRUE(capture.contains(c.message, "ML.CudaUtils")) << c.message;
+        EXPECT_TRUE(capture.containsFragment("GPU compute capability " + c.fragment)) << c.fragment;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -93,25 +82,22 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         SupportCase{"EmptyList", 8, 6, 12, 0, "", false, ""},
         SupportCase{"SameMajorLowerMinor", 8, 6, 12, 0, "8.0", true, ""},
-        SupportCase{
-            "Ada86NeedsRuntimeAbove117", 8, 9, 11, 7, "8.6", false,
-            "GPU compute capability 8.9 cannot be supported as it's higher than any supported architecture "
-            "versions and no compatible PTX was found."},
+        SupportCase{"Ada86NeedsRuntimeAbove117", 8, 9, 11, 7, "8.6", false,
+                    "8.9 cannot be supported as it's higher than any supported architecture versions and no "
+                    "compatible PTX was found."},
         SupportCase{"Ada86WithRuntime118", 8, 9, 11, 8, "8.6", true, ""},
         SupportCase{"Ada86WithRuntime12", 8, 9, 12, 0, "8.6", true, ""},
         SupportCase{"Ada80IsDirect", 8, 9, 11, 0, "8.0", true, ""},
         SupportCase{"HopperThroughPtx", 9, 0, 12, 0, "8.0 8.6+PTX", true,
-                    "GPU compute capability 9.0 is supported by this CUDA runtime via PTX."},
-        SupportCase{
-            "PtxAboveDeviceDoesNotHelp", 8, 0, 12, 0, "8.6+PTX 7.5", false,
-            "GPU compute capability 8.0 cannot be supported as it's higher than any supported architecture "
-            "versions and no compatible PTX was found."},
+                    "9.0 is supported by this CUDA runtime via PTX."},
+        SupportCase{"PtxAboveDeviceDoesNotHelp", 8, 0, 12, 0, "8.6+PTX 7.5", false,
+                    "8.0 cannot be supported as it's higher"},
         SupportCase{
             "BelowLowestMajor", 7, 5, 12, 0, "8.0 9.0", false,
-            "GPU compute capability 7.5 is not supported by the CUDA runtime as it is lower than the lowest "
-            "supported compute architecture version: 8"},
+            "7.5 is not supported by the CUDA runtime as it is lower than the lowest supported compute "
+            "architecture version: 8"},
         SupportCase{"NewerMajorWithoutPtx", 9, 0, 12, 0, "8.0 8.6", false,
-                    "GPU compute capability 9.0 is not supported by this CUDA runtime."}),
+                    "9.0 is not supported by this CUDA runtime."}),
     [](auto const& info) { return info.param.label; });
 
 // ---- The device check against fake device data ------------------------------------------------
@@ -121,10 +107,8 @@ class FakeCudaRuntime : public CudaRuntime
 public:
     int getDeviceCount(int& count) const override
     {
-        if (countError != 0)
-            return countError;
         count = static_cast<int>(devices.size());
-        return 0;
+        return countError;
     }
     int getDeviceProperties(int index, CudaDeviceProperties& properties) const override
     {
@@ -140,12 +124,15 @@ public:
         return versionError;
     }
 
-    // A null entry is a device whose query fails.
-    std::map<int, std::optional<CudaDeviceProperties>> devices;
+    // Two devices; a null entry is a device whose query fails.
+    std::map<int, std::optional<CudaDeviceProperties>> devices{{0, CudaDeviceProperties{"Old GPU", 7, 0}},
+                                                               {1, CudaDeviceProperties{"New GPU", 8, 6}}};
     int runtimeVersion = 12020;
     int countError = 0;
     int versionError = 0;
 };
+
+std::vector<std::string> const kAmpere{"8.0", "8.6"};
 
 struct CheckCase
 {
@@ -160,18 +147,10 @@ struct CheckCase
 class CudaCheckTest : public ::testing::TestWithParam<CheckCase>
 {};
 
-FakeCudaRuntime twoDevices()
-{
-    FakeCudaRuntime runtime;
-    runtime.devices[0] = CudaDeviceProperties{"Old GPU", 7, 0};
-    runtime.devices[1] = CudaDeviceProperties{"New GPU", 8, 6};
-    return runtime;
-}
-
 TEST_P(CudaCheckTest, Checks)
 {
     CheckCase const& c = GetParam();
-    auto runtime = std::make_shared<FakeCudaRuntime>(twoDevices());
+    auto runtime = std::make_shared<FakeCudaRuntime>();
     c.setUp(*runtime);
     CudaDeviceManager const manager(runtime);
     Log::Capture capture;
@@ -182,28 +161,27 @@ TEST_P(CudaCheckTest, Checks)
 }
 
 auto const kNoChange = [](FakeCudaRuntime&) {};
-std::vector<std::string> const kAmpere{"8.0", "8.6"};
+std::string const kNotInBuild = "GPU compute capability 7.0 is not supported by this build.";
+std::string const kSkipped = "No supported architectures defined. Skipping architecture support check.";
 
 INSTANTIATE_TEST_SUITE_P(
     Devices, CudaCheckTest,
-    ::testing::Values(CheckCase{"NoDevice", [](auto& r) { r.devices.clear(); }, 0, kAmpere, false,
-                                "No CUDA device is available."},
-                      CheckCase{"CountFails", [](auto& r) { r.countError = 100; }, 0, kAmpere, false,
-                                "No CUDA device is available."},
-                      CheckCase{"IndexOutOfRange", kNoChange, 2, kAmpere, false,
-                                "Device index out of range. Device index: 2, number of devices: 2"},
-                      CheckCase{"PropertiesFail", [](auto& r) { r.devices[1] = std::nullopt; }, 1, kAmpere,
-                                false, "Failed to get CUDA device properties for device 1"},
-                      CheckCase{"Supported", kNoChange, 1, kAmpere, true,
-                                "Supported CUDA Compute Capability: 8.0 8.6"},
-                      CheckCase{"NotSupportedByBuild", kNoChange, 0, kAmpere, false,
-                                "GPU compute capability 7.0 is not supported by this build."},
-                      CheckCase{"DefaultIndexIsFirstDevice", kNoChange, std::nullopt, kAmpere, false,
-                                "GPU compute capability 7.0 is not supported by this build."},
-                      CheckCase{"EmptyListSkipsCheck", kNoChange, 0, std::vector<std::string>{}, true,
-                                "No supported architectures defined. Skipping architecture support check."},
-                      CheckCase{"BuildListUndefinedSkipsCheck", kNoChange, 0, std::nullopt, true,
-                                "No supported architectures defined. Skipping architecture support check."}),
+    ::testing::Values(
+        CheckCase{"NoDevice", [](auto& r) { r.devices.clear(); }, 0, kAmpere, false,
+                  "No CUDA device is available."},
+        CheckCase{"CountFails", [](auto& r) { r.countError = 100; }, 0, kAmpere, false,
+                  "No CUDA device is available."},
+        CheckCase{"VersionFails", [](auto& r) { r.versionError = 35; }, 0, kAmpere, false,
+                  "Could not query CUDA runtime version."},
+        CheckCase{"IndexOutOfRange", kNoChange, 2, kAmpere, false,
+                  "Device index out of range. Device index: 2, number of devices: 2"},
+        CheckCase{"PropertiesFail", [](auto& r) { r.devices[1] = std::nullopt; }, 1, kAmpere, false,
+                  "Failed to get CUDA device properties for device 1"},
+        CheckCase{"Supported", kNoChange, 1, kAmpere, true, "Supported CUDA Compute Capability: 8.0 8.6"},
+        CheckCase{"NotSupportedByBuild", kNoChange, 0, kAmpere, false, kNotInBuild},
+        CheckCase{"DefaultIndexIsFirstDevice", kNoChange, std::nullopt, kAmpere, false, kNotInBuild},
+        CheckCase{"EmptyListSkipsCheck", kNoChange, 0, std::vector<std::string>{}, true, kSkipped},
+        CheckCase{"BuildListUndefinedSkipsCheck", kNoChange, 0, std::nullopt, true, kSkipped}),
     [](auto const& info) { return info.param.label; });
 
 TEST(CudaDeviceManagerTest, WithoutCudaThereIsNoDevice)
@@ -217,9 +195,11 @@ TEST(CudaDeviceManagerTest, WithoutCudaThereIsNoDevice)
     EXPECT_TRUE(capture.contains("CUDA device compatibility check failed", "ML.CudaUtils"));
 }
 
-TEST(CudaDeviceManagerTest, QueriesReportTheirErrorCodes)
+TEST(CudaDeviceManagerTest, QueriesDecodeTheVersionOrReportTheirErrorCodes)
 {
-    auto runtime = std::make_shared<FakeCudaRuntime>(twoDevices());
+    auto runtime = std::make_shared<FakeCudaRuntime>();
+    runtime->runtimeVersion = 11080;
+    EXPECT_EQ(CudaDeviceManager(runtime).getCudaRuntimeVersion()->minor, 8);
     runtime->countError = 100;
     runtime->versionError = 35;
     CudaDeviceManager const manager(runtime);
@@ -232,19 +212,9 @@ TEST(CudaDeviceManagerTest, QueriesReportTheirErrorCodes)
     EXPECT_TRUE(capture.contains("Could not query CUDA info from device 5", "ML.CudaUtils"));
 }
 
-TEST(CudaDeviceManagerTest, RuntimeVersionIsDecoded)
-{
-    auto runtime = std::make_shared<FakeCudaRuntime>(twoDevices());
-    runtime->runtimeVersion = 11080;
-    auto const version = CudaDeviceManager(runtime).getCudaRuntimeVersion();
-    ASSERT_TRUE(version.has_value());
-    EXPECT_EQ(version->major, 11);
-    EXPECT_EQ(version->minor, 8);
-}
-
 TEST(CudaDeviceManagerTest, FirstCompatibleDeviceOfTheListWins)
 {
-    auto runtime = std::make_shared<FakeCudaRuntime>(twoDevices());
+    auto runtime = std::make_shared<FakeCudaRuntime>();
     runtime->devices[2] = CudaDeviceProperties{"Another GPU", 8, 0};
     CudaDeviceManager const manager(runtime);
     Log::Capture capture;

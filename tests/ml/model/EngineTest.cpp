@@ -7,16 +7,14 @@
 #include "ml/data/ImageElement.h"
 #include "tests/ml/TestHelpers.h"
 #include "tests/ml/data/ImageSetFixtures.h"
+#include "tests/ml/model/TestEngines.h"
 
 #include "host/core/Filesystem.h"
 #include "host/core/Log.h"
 #include "host/core/Resource.h"
-#include "host/image/SharedImageSet.h"
-#include "host/image/TypedImage.h"
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -25,68 +23,8 @@
 namespace Velmoria::ML {
 namespace {
 
-// Doubles every value of the first input field's images into the first output field. Counts the
-// hook calls so that tests can see each change arrive exactly once.
-class DoublingEngine : public Engine
-{
-public:
-    DoublingEngine()
-        : Engine("doubler")
-    {}
-
-    DataItem predict(DataItem const& input) override
-    {
-        checkInputFields(input);
-        auto const* element = input.get<ImageElement>(config.p_inputFields.value().front());
-        auto doubled = std::make_shared<SharedImageSet>();
-        for (auto const& frame : element->sis()->images()) {
-            std::unique_ptr<MemImage> copy = frame->mem()->cloneMem();
-            auto* typed = dynamic_cast<TypedImage<float>*>(copy.get());
-            if (!typed)
-                throw std::runtime_error("DoublingEngine takes float images");
-            for (std::size_t i = 0; i < typed->valueCount(); ++i)
-                typed->pointer()[i] *= 2.0F;
-            doubled->add(std::shared_ptr<Image>(std::move(copy)));
-        }
-        DataItem prediction;
-        prediction.set(config.p_outputFields.value().front(), doubled);
-        checkOutputFields(prediction);
-        return prediction;
-    }
-
-    void onModelFileChanged() override { ++modelFileChanges; }
-    void onForceCPUChanged() override { ++forceCPUChanges; }
-
-    int modelFileChanges = 0;
-    int forceCPUChanges = 0;
-};
-
-class ThrowingEngine : public Engine
-{
-public:
-    ThrowingEngine()
-        : Engine("thrower")
-    {}
-    DataItem predict(DataItem const&) override { throw std::runtime_error("the network failed"); }
-};
-
-// An engine of a second factory, as a scripting layer would register it.
-class ScriptedEngine : public ThrowingEngine
-{};
-
-constexpr char const* kScriptFactory = "TestScriptEngineFactory";
-
-void registerTestEngines()
-{
-    EngineFactory& cpp = getCppEngineFactory();
-    if (!cpp.hasType("doubler"))
-        cpp.registerType<DoublingEngine>("doubler", makeInitializedEngine<DoublingEngine>);
-    if (!cpp.hasType("thrower"))
-        cpp.registerType<ThrowingEngine>("thrower", makeInitializedEngine<ThrowingEngine>);
-    EngineFactory& script = getSubEngineFactory(kScriptFactory);
-    if (!script.hasType("scripted"))
-        script.registerType<ScriptedEngine>("scripted", makeInitializedEngine<ScriptedEngine>);
-}
+using MLTest::DoublingEngine;
+using MLTest::ScriptedEngine;
 
 Properties engineProperties(std::string const& modelFile = "/models/net.pt")
 {
@@ -100,29 +38,21 @@ Properties engineProperties(std::string const& modelFile = "/models/net.pt")
 class EngineTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { registerTestEngines(); }
+    void SetUp() override { MLTest::registerTestEngines(); }
 
     static std::unique_ptr<DoublingEngine> makeDoubler(Properties const& properties = engineProperties())
     {
         std::unique_ptr<Engine> engine = Engine::create("doubler", properties);
-        auto* doubler = dynamic_cast<DoublingEngine*>(engine.get());
-        if (!doubler)
+        if (!dynamic_cast<DoublingEngine*>(engine.get()))
             return nullptr;
-        engine.release();
-        return std::unique_ptr<DoublingEngine>(doubler);
+        return std::unique_ptr<DoublingEngine>(static_cast<DoublingEngine*>(engine.release()));
     }
 };
-
-constexpr char const* kUnknownTail =
-    "]. If you are targeting a C++ engine, make sure the corresponding plugin has been loaded. If you are "
-    "targeting a Python engine, make sure that your Python environment has the relevant framework (pytorch, "
-    "onnxruntime, openvino, etc.) installed.";
 
 TEST_F(EngineTest, CreatedEnginePredictsAndNamesItself)
 {
     auto engine = makeDoubler();
     ASSERT_NE(engine, nullptr);
-    EXPECT_EQ(engine->name(), "doubler");
     EXPECT_EQ(engine->config.p_name.value(), "doubler");
     EXPECT_EQ(engine->p_modelFile.value(), "/models/net.pt");
     EXPECT_EQ(engine->p_version.value(), "1.2");
@@ -135,64 +65,45 @@ TEST_F(EngineTest, CreatedEnginePredictsAndNamesItself)
     ASSERT_NE(output, nullptr);
     ASSERT_EQ(output->sis()->size(), 2);
     // Frame 1 starts at 1000 (see makeSet); doubled it starts at 2000.
-    EXPECT_FLOAT_EQ(MLTest::firstValue(*output->sis()->get(0)), 0.0F);
     EXPECT_FLOAT_EQ(MLTest::firstValue(*output->sis()->get(1)), 2000.0F);
     EXPECT_EQ(engine->modelFileChanges, 0) << "init copies values without running the hooks";
 }
 
-TEST_F(EngineTest, UpperCaseNameFallsBackToLowerCaseWithWarning)
+TEST_F(EngineTest, LookupCoversEveryFactoryAndExplainsAnUnknownName)
 {
-    Log::Capture capture;
-    auto engine = Engine::create("Doubler", engineProperties());
-    ASSERT_NE(engine, nullptr);
-    EXPECT_EQ(engine->config.p_name.value(), "doubler");
-    EXPECT_TRUE(capture.contains("Engine name should be lowercase. Please use 'doubler' instead of 'Doubler'",
-                                 "ML.Engine"));
-}
-
-TEST_F(EngineTest, EnginesOfEveryFactoryAreFound)
-{
-    EXPECT_TRUE(Engine::isRegistered("scripted", true));
-    auto engine = Engine::create("scripted", engineProperties());
-    ASSERT_NE(engine, nullptr);
-    EXPECT_NE(dynamic_cast<ScriptedEngine*>(engine.get()), nullptr);
-    EXPECT_EQ(registeredEngineNames(), (std::vector<std::string>{"doubler", "scripted", "thrower"}));
-}
-
-TEST_F(EngineTest, UnknownEngineGivesNullAndListsRegisteredEnginesOnce)
-{
-    Log::Capture capture;
-    EXPECT_EQ(Engine::create("NoSuchEngine", engineProperties()), nullptr);
-    std::string const message =
-        std::string(
-            "NoSuchEngine is not a registered engine - registered engines are: [doubler, thrower, scripted") +
-        kUnknownTail;
-    EXPECT_EQ(capture.count(message, "ML.Engine"), 1);
-    EXPECT_FALSE(capture.containsFragment("lowercase"));
-}
-
-TEST_F(EngineTest, QuietLookupLogsNothing)
-{
+    auto scripted = Engine::create("scripted", engineProperties());
+    EXPECT_NE(dynamic_cast<ScriptedEngine*>(scripted.get()), nullptr);
+    EXPECT_EQ(registeredEngineNames(),
+              (std::vector<std::string>{"broken", "doubler", "scripted", "thrower"}));
     Log::Capture capture;
     EXPECT_FALSE(Engine::isRegistered("missing", true));
-    EXPECT_TRUE(capture.records().empty());
+    EXPECT_TRUE(capture.records().empty()) << "a quiet lookup logs nothing";
+
+    auto upper = Engine::create("Doubler", engineProperties());
+    ASSERT_NE(upper, nullptr);
+    EXPECT_EQ(upper->config.p_name.value(), "doubler");
+    EXPECT_TRUE(capture.contains("Engine name should be lowercase. Please use 'doubler' instead of 'Doubler'",
+                                 "ML.Engine"));
+
+    EXPECT_EQ(Engine::create("NoSuchEngine", engineProperties()), nullptr);
+    // Every factory's engines are listed; their order is the order in which tests registered them.
+    std::string const message = [&] {
+        for (auto const& text : capture.messages())
+            if (text.starts_with("NoSuchEngine is not a registered engine - registered engines are: ["))
+                return text;
+        return std::string();
+    }();
+    for (char const* name : {"doubler", "thrower", "broken", "scripted"})
+        EXPECT_NE(message.find(name), std::string::npos) << name << " missing from: " << message;
+    EXPECT_NE(message.find("If you are targeting a C++ engine, make sure the corresponding plugin has been "
+                           "loaded. If you are targeting a Python engine, make sure that your Python "
+                           "environment has the relevant framework (pytorch, onnxruntime, openvino, etc.) "
+                           "installed."),
+              std::string::npos)
+        << message;
 }
 
-TEST_F(EngineTest, EmptyRegistryListsNoEngines)
-{
-    engineFactoryRegistry().unregisterAllItems();
-    {
-        Log::Capture capture;
-        EXPECT_EQ(Engine::create("doubler", engineProperties()), nullptr);
-        EXPECT_TRUE(capture.contains(
-            std::string("doubler is not a registered engine - registered engines are: [") + kUnknownTail,
-            "ML.Engine"));
-    }
-    registerTestEngines();
-    EXPECT_TRUE(Engine::isRegistered("doubler", true));
-}
-
-TEST_F(EngineTest, MissingModelFileRefusesTheEngine)
+TEST_F(EngineTest, MissingModelFileRefusesTheEngineAndANetworkFailurePassesOn)
 {
     Log::Capture capture;
     Properties properties;
@@ -200,14 +111,10 @@ TEST_F(EngineTest, MissingModelFileRefusesTheEngine)
     EXPECT_EQ(Engine::create("doubler", properties), nullptr);
     EXPECT_TRUE(capture.contains("Missing required configure parameter 'ModelFile'", "ML.Engine"));
     EXPECT_TRUE(capture.contains("Failed to initialize engine 'doubler'", "ML.Engine"));
-}
 
-TEST_F(EngineTest, ThrowingEnginePassesItsExceptionOn)
-{
     auto engine = Engine::create("thrower", engineProperties());
     ASSERT_NE(engine, nullptr);
-    DataItem input;
-    MLTest::expectThrowWithMessage<std::runtime_error>([&] { (void)engine->predict(input); },
+    MLTest::expectThrowWithMessage<std::runtime_error>([&] { (void)engine->predict(DataItem()); },
                                                        "the network failed");
 }
 
@@ -238,134 +145,54 @@ TEST_F(EngineTest, FieldChecksNameTheMissingField)
 TEST_F(EngineTest, EnginesDifferingInASpecificKeyAreNotIdentical)
 {
     auto a = makeDoubler();
-    auto b = makeDoubler();
-    ASSERT_TRUE(a && b);
-    EXPECT_TRUE(a->isIdentical(b.get()));
+    EXPECT_TRUE(a->isIdentical(makeDoubler().get()));
     Properties other = engineProperties();
     other.setParam("HalfPrecision", false);
-    auto c = makeDoubler(other);
-    ASSERT_TRUE(c);
-    EXPECT_FALSE(a->isIdentical(c.get()));
+    EXPECT_FALSE(a->isIdentical(makeDoubler(other).get()));
     EXPECT_FALSE(a->isIdentical(nullptr));
 }
 
-// ---- The twelve handlers ----------------------------------------------------------------------
-
-struct HandlerCase
+// Each of the six values lives twice, in the engine and in its configuration: a change on either
+// side reaches the other, the hook of the model file or the device runs once per real change, and
+// setting the same value again changes nothing.
+TEST_F(EngineTest, EachSharedValueKeepsItsTwinInStepAndRunsItsHookOnce)
 {
-    std::string label;
-    // Changes one side to a new value.
-    std::function<void(DoublingEngine&)> change;
-    // True when both sides hold the new value.
-    std::function<bool(DoublingEngine const&)> inStep;
-    int modelFileChanges;
-    int forceCPUChanges;
-};
-
-std::vector<std::string> const kFields{"A", "B"};
-
-std::vector<HandlerCase> handlerCases()
-{
-    return {
-        {"ConfigModelFile", [](auto& e) { e.config.p_modelFile.setValue("/other.pt"); },
-         [](auto const& e) {
-             return e.p_modelFile.value() == "/other.pt" && e.config.p_modelFile.value() == "/other.pt";
-         },
-         1, 0},
-        {"ConfigForceCPU", [](auto& e) { e.config.p_forceCPU.setValue(true); },
-         [](auto const& e) { return e.p_forceCPU.value() && e.config.p_forceCPU.value(); }, 0, 1},
-        {"ConfigInputFields", [](auto& e) { e.config.p_inputFields.setValue(kFields); },
-         [](auto const& e) {
-             return e.p_engineInputFields.value() == kFields && e.config.p_inputFields.value() == kFields;
-         },
-         0, 0},
-        {"ConfigOutputFields", [](auto& e) { e.config.p_outputFields.setValue(kFields); },
-         [](auto const& e) {
-             return e.p_engineOutputFields.value() == kFields && e.config.p_outputFields.value() == kFields;
-         },
-         0, 0},
-        {"ConfigOutputFieldsToIgnore", [](auto& e) { e.config.p_outputFieldsToIgnore.setValue(kFields); },
-         [](auto const& e) {
-             return e.p_engineOutputFieldsToIgnore.value() == kFields &&
-                    e.config.p_outputFieldsToIgnore.value() == kFields;
-         },
-         0, 0},
-        {"ConfigVersion", [](auto& e) { e.config.p_version.setValue("2.0"); },
-         [](auto const& e) { return e.p_version.value() == "2.0" && e.config.p_version.value() == "2.0"; }, 0,
-         0},
-        {"OwnModelFile", [](auto& e) { e.p_modelFile.setValue("/other.pt"); },
-         [](auto const& e) {
-             return e.p_modelFile.value() == "/other.pt" && e.config.p_modelFile.value() == "/other.pt";
-         },
-         1, 0},
-        {"OwnForceCPU", [](auto& e) { e.p_forceCPU.setValue(true); },
-         [](auto const& e) { return e.p_forceCPU.value() && e.config.p_forceCPU.value(); }, 0, 1},
-        {"OwnInputFields", [](auto& e) { e.p_engineInputFields.setValue(kFields); },
-         [](auto const& e) {
-             return e.p_engineInputFields.value() == kFields && e.config.p_inputFields.value() == kFields;
-         },
-         0, 0},
-        {"OwnOutputFields", [](auto& e) { e.p_engineOutputFields.setValue(kFields); },
-         [](auto const& e) {
-             return e.p_engineOutputFields.value() == kFields && e.config.p_outputFields.value() == kFields;
-         },
-         0, 0},
-        {"OwnOutputFieldsToIgnore", [](auto& e) { e.p_engineOutputFieldsToIgnore.setValue(kFields); },
-         [](auto const& e) {
-             return e.p_engineOutputFieldsToIgnore.value() == kFields &&
-                    e.config.p_outputFieldsToIgnore.value() == kFields;
-         },
-         0, 0},
-        {"OwnVersion", [](auto& e) { e.p_version.setValue("2.0"); },
-         [](auto const& e) { return e.p_version.value() == "2.0" && e.config.p_version.value() == "2.0"; }, 0,
-         0},
-    };
-}
-
-class EngineHandlerTest : public EngineTest, public ::testing::WithParamInterface<HandlerCase>
-{};
-
-TEST_P(EngineHandlerTest, ChangeReachesOtherSideAndHookOnce)
-{
-    auto engine = makeDoubler();
-    ASSERT_NE(engine, nullptr);
-    HandlerCase const& c = GetParam();
-    c.change(*engine);
-    EXPECT_TRUE(c.inStep(*engine));
-    EXPECT_EQ(engine->modelFileChanges, c.modelFileChanges);
-    EXPECT_EQ(engine->forceCPUChanges, c.forceCPUChanges);
-
-    // The same value again changes nothing and calls no hook.
-    c.change(*engine);
-    EXPECT_TRUE(c.inStep(*engine));
-    EXPECT_EQ(engine->modelFileChanges, c.modelFileChanges);
-    EXPECT_EQ(engine->forceCPUChanges, c.forceCPUChanges);
-}
-
-INSTANTIATE_TEST_SUITE_P(TwelveHandlers, EngineHandlerTest, ::testing::ValuesIn(handlerCases()),
-                         [](auto const& info) { return info.param.label; });
-
-TEST_F(EngineTest, ChangeBackToDefaultCallsNoHook)
-{
-    Properties properties = engineProperties();
-    properties.setParam("ForceCPU", true);
-    auto engine = makeDoubler(properties);
-    ASSERT_NE(engine, nullptr);
-    engine->p_forceCPU.setValue(false);
-    EXPECT_FALSE(engine->config.p_forceCPU.value());
-    EXPECT_EQ(engine->forceCPUChanges, 0);
+    std::vector<std::string> const fields{"A", "B"};
+    for (bool fromConfig : {false, true}) {
+        SCOPED_TRACE(fromConfig ? "changed in the configuration" : "changed on the engine");
+        auto engine = makeDoubler();
+        ASSERT_NE(engine, nullptr);
+        auto check = [&](char const* what, auto& own, auto& inConfig, auto const& value, int modelFileChanges,
+                         int forceCPUChanges) {
+            SCOPED_TRACE(what);
+            for (int time = 0; time < 2; ++time) {
+                if (fromConfig)
+                    inConfig.setValue(value);
+                else
+                    own.setValue(value);
+                EXPECT_EQ(own.value(), value);
+                EXPECT_EQ(inConfig.value(), value);
+                EXPECT_EQ(engine->modelFileChanges, modelFileChanges);
+                EXPECT_EQ(engine->forceCPUChanges, forceCPUChanges);
+            }
+        };
+        check("ModelFile", engine->p_modelFile, engine->config.p_modelFile, std::string("/other.pt"), 1, 0);
+        check("ForceCPU", engine->p_forceCPU, engine->config.p_forceCPU, true, 1, 1);
+        check("InputFields", engine->p_engineInputFields, engine->config.p_inputFields, fields, 1, 1);
+        check("OutputFields", engine->p_engineOutputFields, engine->config.p_outputFields, fields, 1, 1);
+        check("OutputFieldsToIgnore", engine->p_engineOutputFieldsToIgnore,
+              engine->config.p_outputFieldsToIgnore, fields, 1, 1);
+        check("Version", engine->p_version, engine->config.p_version, std::string("2.0"), 1, 1);
+        // Back to the default value is a change, but not one the hooks are told about.
+        check("ForceCPU back", engine->p_forceCPU, engine->config.p_forceCPU, false, 1, 1);
+    }
 }
 
 // ---- EngineConfiguration ---------------------------------------------------------------------
 
-TEST(EngineConfigurationTest, DefaultsAndRequiredModelFile)
+TEST(EngineConfigurationTest, ModelFileIsRequiredButTheOtherKeysAreStillRead)
 {
     EngineConfiguration config;
-    EXPECT_EQ(config.p_inputFields.value(), std::vector<std::string>{"Input"});
-    EXPECT_EQ(config.p_outputFields.value(), std::vector<std::string>{"Prediction"});
-    EXPECT_TRUE(config.p_outputFieldsToIgnore.value().empty());
-    EXPECT_FALSE(config.p_forceCPU.value());
-
     Log::Capture capture;
     EXPECT_FALSE(config.configureChecked(nullptr));
     EXPECT_TRUE(capture.contains("Invalid Engine properties", "ML.Engine"));
@@ -373,7 +200,7 @@ TEST(EngineConfigurationTest, DefaultsAndRequiredModelFile)
     withoutModel.setParam("Version", std::string("3"));
     EXPECT_FALSE(config.configureChecked(&withoutModel));
     EXPECT_TRUE(capture.contains("Missing required configure parameter 'ModelFile'", "ML.Engine"));
-    EXPECT_EQ(config.p_version.value(), "3") << "the other keys are still read";
+    EXPECT_EQ(config.p_version.value(), "3");
 }
 
 // A key's value as a list: a list value as it is, a plain value as a list of one.
@@ -387,67 +214,49 @@ std::vector<std::string> valuesOf(Properties const& properties, std::string cons
     return values;
 }
 
-struct DeprecatedKeyCase
+TEST(EngineConfigurationTest, OldKeyNamesAreReadWithAWarningAndKeptAsSpecific)
 {
-    std::string oldKey;
-    std::string key;
-};
-
-class EngineConfigurationDeprecatedTest : public ::testing::TestWithParam<DeprecatedKeyCase>
-{};
-
-TEST_P(EngineConfigurationDeprecatedTest, OldNameIsReadWithWarningAndKeptAsSpecific)
-{
-    DeprecatedKeyCase const& c = GetParam();
-    Properties properties = engineProperties();
-    properties.removeParam("Version");
-    if (c.key == "Version")
-        properties.setParam(c.oldKey, std::string("X"));
-    else
-        properties.setParam(c.oldKey, std::vector<std::string>{"X"});
-    EngineConfiguration config;
-    Log::Capture capture;
-    EXPECT_TRUE(config.configureChecked(&properties));
-    EXPECT_TRUE(capture.contains(
-        "Using deprecated parameter '" + c.oldKey + "'. Please use: '" + c.key + "' instead.", "ML.Engine"));
-    Properties written = config.toProperties();
-    EXPECT_EQ(valuesOf(written, c.key), std::vector<std::string>{"X"});
-    EXPECT_TRUE(config.engineSpecificParams.contains(c.oldKey));
-    EXPECT_FALSE(config.engineSpecificParams.contains("ModelFile"));
+    for (std::string const key : {"InputFields", "OutputFields", "OutputFieldsToIgnore", "Version"}) {
+        std::string const oldKey = "Engine" + key;
+        SCOPED_TRACE(oldKey);
+        Properties properties = engineProperties();
+        properties.removeParam("Version");
+        if (key == "Version")
+            properties.setParam(oldKey, std::string("X"));
+        else
+            properties.setParam(oldKey, std::vector<std::string>{"X"});
+        EngineConfiguration config;
+        Log::Capture capture;
+        EXPECT_TRUE(config.configureChecked(&properties));
+        EXPECT_TRUE(capture.contains(
+            "Using deprecated parameter '" + oldKey + "'. Please use: '" + key + "' instead.", "ML.Engine"));
+        EXPECT_EQ(valuesOf(config.toProperties(), key), std::vector<std::string>{"X"});
+        EXPECT_TRUE(config.engineSpecificParams.contains(oldKey));
+        EXPECT_FALSE(config.engineSpecificParams.contains("ModelFile"));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(OldNames, EngineConfigurationDeprecatedTest,
-                         ::testing::Values(DeprecatedKeyCase{"EngineInputFields", "InputFields"},
-                                           DeprecatedKeyCase{"EngineOutputFields", "OutputFields"},
-                                           DeprecatedKeyCase{"EngineOutputFieldsToIgnore",
-                                                             "OutputFieldsToIgnore"},
-                                           DeprecatedKeyCase{"EngineVersion", "Version"}),
-                         [](auto const& info) { return info.param.oldKey; });
 
 TEST(EngineConfigurationTest, RelativeModelFileIsAnchoredAtYamlAndSavedRaw)
 {
-    Filesystem::Path const folder = Filesystem::tempDirectory() / "velmoria-engine-config-test";
-    ASSERT_TRUE(Filesystem::createDirectories(folder / "weights"));
-    ASSERT_TRUE(Filesystem::File(folder / "weights" / "net.pt").writeText("w"));
+    Filesystem::TemporaryDirectory const folder("engine-config");
+    ASSERT_TRUE(Filesystem::createDirectories(folder.path() / "weights"));
+    ASSERT_TRUE(Filesystem::File(folder.path() / "weights" / "net.pt").writeText("w"));
 
     Properties properties = engineProperties("weights/net.pt");
-    properties.setParam("YamlConfigPath", (folder / "model.yaml").str());
+    properties.setParam("YamlConfigPath", (folder.path() / "model.yaml").str());
     EngineConfiguration config;
     ASSERT_TRUE(config.configureChecked(&properties));
-    EXPECT_EQ(Filesystem::Path(config.p_modelFile.value()), folder.makeAbsolute() / "weights" / "net.pt");
-    EXPECT_EQ(config.rawModelFile, "weights/net.pt");
+    EXPECT_EQ(Filesystem::Path(config.p_modelFile.value()),
+              folder.path().makeAbsolute() / "weights" / "net.pt");
 
     Properties const written = config.toProperties();
     EXPECT_EQ(written.paramValueText("ModelFile"), "weights/net.pt");
     EXPECT_EQ(written.paramValueText("HalfPrecision"), "true");
-
-    EngineConfiguration const copy(config);
-    EXPECT_TRUE(copy.toProperties().compareWith(written, Properties::CompareAll));
+    EXPECT_TRUE(EngineConfiguration(config).toProperties().compareWith(written, Properties::CompareAll));
 
     // Once code points the engine elsewhere, the raw text no longer describes it.
     config.p_modelFile.setValue("/elsewhere.pt");
     EXPECT_EQ(config.toProperties().paramValueText("ModelFile"), "/elsewhere.pt");
-    Filesystem::Directory(folder).remove();
 }
 
 // ---- Model artefact --------------------------------------------------------------------------
@@ -458,60 +267,40 @@ protected:
     void SetUp() override
     {
         EngineTest::SetUp();
-        m_folder =
-            Filesystem::tempDirectory() /
-            ("velmoria-engine-test-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
-             "-" + ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        ASSERT_TRUE(Filesystem::createDirectories(m_folder));
-        Resource::addRepository(&m_repository);
+        Resource::addRepository(&repository);
     }
-    void TearDown() override
-    {
-        Resource::removeRepository(&m_repository);
-        Filesystem::Directory(m_folder).remove();
-    }
+    void TearDown() override { Resource::removeRepository(&repository); }
 
-    Filesystem::Path m_folder;
-    Resource::MemoryRepository m_repository{"EngineTestRepository"};
+    Resource::MemoryRepository repository{"EngineTestRepository"};
 };
 
-TEST_F(ModelArtifactTest, ReadsTheWholeFile)
+TEST_F(ModelArtifactTest, IsReadFromAFileOrElseFromAResource)
 {
-    Filesystem::Path const file = m_folder / "net.pt";
-    ASSERT_TRUE(Filesystem::File(file).writeText("weights"));
-    auto engine = makeDoubler(engineProperties(file.str()));
-    ASSERT_NE(engine, nullptr);
-    auto bytes = engine->loadModelArtifact();
-    ASSERT_TRUE(bytes.has_value());
-    EXPECT_EQ(std::string(bytes->begin(), bytes->end()), "weights");
-}
-
-TEST_F(ModelArtifactTest, ReadsAResourceWithDebugLine)
-{
+    Filesystem::TemporaryDirectory const folder("engine-artifact");
     ByteBuffer stored;
     stored.copyFrom("abc", 3);
-    ASSERT_TRUE(m_repository.add("engine-test/net.pt", stored));
-    auto engine = makeDoubler(engineProperties("engine-test/net.pt"));
-    ASSERT_NE(engine, nullptr);
-    EXPECT_EQ(engine->p_modelFile.value(), "engine-test/net.pt") << "a resource name stays as it is";
+    ASSERT_TRUE(repository.add("engine-test/net.pt", stored));
+    ASSERT_TRUE(Filesystem::File(folder.path() / "net.pt").writeText("weights"));
 
+    auto fromFile = makeDoubler(engineProperties((folder.path() / "net.pt").str()))->loadModelArtifact();
+    ASSERT_TRUE(fromFile.has_value());
+    EXPECT_EQ(std::string(fromFile->begin(), fromFile->end()), "weights");
+
+    auto engine = makeDoubler(engineProperties("engine-test/net.pt"));
+    EXPECT_EQ(engine->p_modelFile.value(), "engine-test/net.pt") << "a resource name stays as it is";
     int const level = Log::g_globalLevel;
     Log::g_globalLevel = 1;
     Log::Capture capture;
-    auto bytes = engine->loadModelArtifact();
+    auto fromResource = engine->loadModelArtifact();
     Log::g_globalLevel = level;
-    ASSERT_TRUE(bytes.has_value());
-    EXPECT_EQ(bytes->size(), 3U);
+    ASSERT_TRUE(fromResource.has_value());
+    EXPECT_EQ(fromResource->size(), 3U);
     EXPECT_TRUE(capture.contains("Loading model from resource: engine-test/net.pt", "ML.Engine"));
-}
 
-TEST_F(ModelArtifactTest, NeitherFileNorResourceGivesNothingQuietly)
-{
-    auto engine = makeDoubler(engineProperties((m_folder / "missing.pt").str()));
-    ASSERT_NE(engine, nullptr);
-    Log::Capture capture;
-    EXPECT_FALSE(engine->loadModelArtifact().has_value());
-    EXPECT_TRUE(capture.records().empty());
+    capture.clear();
+    auto const missing = makeDoubler(engineProperties((folder.path() / "missing.pt").str()));
+    EXPECT_FALSE(missing->loadModelArtifact().has_value());
+    EXPECT_TRUE(capture.records().empty()) << "neither file nor resource gives nothing, quietly";
 }
 
 } // namespace

@@ -10,12 +10,12 @@
 #include "ml/model/Engine.h"
 #include "ml/operations/OperationFactory.h"
 #include "tests/ml/data/ImageSetFixtures.h"
+#include "tests/ml/model/TestEngines.h"
 
 #include "host/core/Filesystem.h"
 #include "host/core/Log.h"
 #include "host/core/Progress.h"
 #include "host/image/SharedImageSet.h"
-#include "host/image/TypedImage.h"
 
 #include <gtest/gtest.h>
 
@@ -31,58 +31,7 @@ namespace {
 
 constexpr char const* kCategory = "ML.MachineLearningModel";
 
-// What the engines saw: the batch size and the first frame's dimensions of every call.
-struct EngineCall
-{
-    std::size_t batch = 0;
-    Eigen::Vector3i dims = Eigen::Vector3i::Zero();
-};
-std::vector<EngineCall> g_calls;
-int g_constructed = 0;
-
-// Doubles the first input field's images into every configured output field (so a second output
-// field exists to be ignored) and records each call.
-class DoublingEngine : public Engine
-{
-public:
-    explicit DoublingEngine(std::string name = "mlm_doubler")
-        : Engine(std::move(name))
-    {
-        ++g_constructed;
-    }
-
-    DataItem predict(DataItem const& input) override
-    {
-        checkInputFields(input);
-        auto const* element = input.get<ImageElement>(config.p_inputFields.value().front());
-        if (!element)
-            throw std::runtime_error("no image input");
-        g_calls.push_back(
-            {static_cast<std::size_t>(element->sis()->size()), element->sis()->get(0)->dimensions()});
-        DataItem prediction;
-        for (std::string const& field : config.p_outputFields.value()) {
-            auto doubled = std::make_shared<SharedImageSet>();
-            for (auto const& frame : element->sis()->images()) {
-                std::shared_ptr<SharedImage> copy = frame->clone();
-                auto* pixels = static_cast<float*>(copy->mem()->data());
-                for (std::size_t i = 0; i < copy->mem()->valueCount(); ++i)
-                    pixels[i] *= 2.0F;
-                doubled->add(copy);
-            }
-            prediction.set(field, doubled);
-        }
-        return prediction;
-    }
-};
-
-class ThrowingEngine : public Engine
-{
-public:
-    ThrowingEngine()
-        : Engine("mlm_thrower")
-    {}
-    DataItem predict(DataItem const&) override { throw std::runtime_error("the network failed"); }
-};
+using MLTest::DoublingEngine;
 
 // Cancels the progress of the running test when the post-processing reaches it.
 Progress* g_progressToCancel = nullptr;
@@ -100,27 +49,29 @@ public:
     using Operation::process;
 };
 
-void registerTestTypes()
+// Records every task as it starts: description and total steps.
+class RecordingProgress : public Progress
 {
-    EngineFactory& engines = getCppEngineFactory();
-    if (!engines.hasType("mlm_doubler"))
-        engines.registerType<DoublingEngine>("mlm_doubler", makeInitializedEngine<DoublingEngine>);
-    if (!engines.hasType("mlm_thrower"))
-        engines.registerType<ThrowingEngine>("mlm_thrower", makeInitializedEngine<ThrowingEngine>);
-    // Registered, but its builder fails: only a lazy model gets past loading with it.
-    if (!engines.hasType("mlm_broken"))
-        engines.registerType<ThrowingEngine>(
-            "mlm_broken", [](Properties const&) { return std::unique_ptr<ThrowingEngine>(); });
-    OperationFactory& operations = getCppOperationFactory();
-    if (!operations.hasType("MlmCancel"))
-        operations.registerType<CancelOperation>("MlmCancel", makeUniqueOperation<CancelOperation>);
-}
+public:
+    std::vector<std::pair<std::string, int>> started;
+
+protected:
+    void onTaskStarted(TaskInfo const& task) override
+    {
+        started.emplace_back(task.description, task.totalSteps);
+    }
+};
 
 MLTest::FrameLayout layoutOf(Eigen::Vector3i const& size)
 {
     MLTest::FrameLayout layout;
     layout.size = size;
     return layout;
+}
+
+std::shared_ptr<SharedImageSet> framesOf(int count, Eigen::Vector3i const& size)
+{
+    return MLTest::makeSet(count, layoutOf(size));
 }
 
 // A model file of schema 8 around `engine`; `extra` is appended as top-level YAML.
@@ -130,14 +81,21 @@ std::string modelText(std::string const& engine, std::string const& extra = "", 
            "\n  ModelFile: net.pt\n" + extra;
 }
 
+std::string const kSplitAndRecombine = "PreProcessing:\n"
+                                       "  - SplitIntoPatches: {patch_size: [4, 4, 2], patch_step_size: 1}\n"
+                                       "PostProcessing:\n  - RecombinePatches: {}\n";
+
 class MachineLearningModelTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
-        registerTestTypes();
-        g_calls.clear();
-        g_constructed = 0;
+        MLTest::registerTestEngines();
+        OperationFactory& operations = getCppOperationFactory();
+        if (!operations.hasType("MlmCancel"))
+            operations.registerType<CancelOperation>("MlmCancel", makeUniqueOperation<CancelOperation>);
+        DoublingEngine::calls.clear();
+        DoublingEngine::constructed = 0;
     }
 
     std::string write(std::string const& text)
@@ -163,19 +121,10 @@ protected:
         return item;
     }
 
-    static std::vector<std::size_t> batches()
-    {
-        std::vector<std::size_t> sizes;
-        for (auto const& call : g_calls)
-            sizes.push_back(call.batch);
-        return sizes;
-    }
-
     // Every value of `out` is twice the same value of `in`.
     static void expectDoubled(SharedImage const& in, SharedImage const& out)
     {
         ASSERT_EQ(in.dimensions(), out.dimensions());
-        ASSERT_EQ(in.mem()->valueCount(), out.mem()->valueCount());
         auto const* a = static_cast<float const*>(in.mem()->data());
         auto const* b = static_cast<float const*>(out.mem()->data());
         for (std::size_t i = 0; i < in.mem()->valueCount(); ++i)
@@ -211,7 +160,7 @@ class ExecutionPathTest : public MachineLearningModelTest, public ::testing::Wit
 TEST_P(ExecutionPathTest, EngineSeesExpectedBatchesAndEveryFrameIsPredicted)
 {
     PathCase const& c = GetParam();
-    auto model = load(modelText("mlm_doubler", "MaxBatchSize: " + std::to_string(c.maxBatchSize) + "\n"));
+    auto model = load(modelText("doubler", "MaxBatchSize: " + std::to_string(c.maxBatchSize) + "\n"));
     ASSERT_NE(model, nullptr);
     MLTest::FrameLayout layout = layoutOf(c.size);
     auto input = MLTest::makeSet(c.frames, layout);
@@ -224,7 +173,10 @@ TEST_P(ExecutionPathTest, EngineSeesExpectedBatchesAndEveryFrameIsPredicted)
     Log::g_globalLevel = 1;
     DataItem const output = model->predict(inputOf(input));
     Log::g_globalLevel = level;
-    EXPECT_EQ(batches(), c.expectedBatches);
+    std::vector<std::size_t> batches;
+    for (auto const& call : DoublingEngine::calls)
+        batches.push_back(call.batch);
+    EXPECT_EQ(batches, c.expectedBatches);
     EXPECT_TRUE(m_capture.contains(c.batchMode ? "Batch mode: true" : "Batch mode: false", kCategory));
 
     auto const* prediction = output.get<ImageElement>("Prediction");
@@ -252,23 +204,13 @@ INSTANTIATE_TEST_SUITE_P(
         PathCase{"IncompatibleFramesRunFrameByFrame", -1, 2, {4, 4, 2}, true, false, {1, 1}}),
     [](auto const& info) { return info.param.name; });
 
-TEST_F(MachineLearningModelTest, MaxBatchSizeZeroIsAnErrorForANonEmptyBatch)
-{
-    auto model = load(modelText("mlm_doubler", "MaxBatchSize: 0\n"));
-    ASSERT_NE(model, nullptr);
-    EXPECT_TRUE(model->predict(inputOf(MLTest::makeSet(2, layoutOf({4, 4, 1})))).empty());
-    EXPECT_TRUE(g_calls.empty());
-    EXPECT_TRUE(
-        m_capture.contains("Max batch size must be positive or -1 (no maximum batch size).", kCategory));
-    EXPECT_TRUE(m_capture.contains("No prediction was returned.", kCategory));
-}
-
 // ---- Patches -----------------------------------------------------------------------------------
 
 struct PatchCase
 {
     std::string name;
     Eigen::Vector3i imageSize;
+    Eigen::Vector3i patchSize;
     bool recombine;
     std::size_t expectedCalls;
     int expectedOutputFrames; // per input frame
@@ -286,22 +228,23 @@ class PatchTest : public MachineLearningModelTest, public ::testing::WithParamIn
 TEST_P(PatchTest, PatchesArePredictedCroppedAndRecombined)
 {
     PatchCase const& c = GetParam();
-    std::string text =
-        modelText("mlm_doubler", "MaxBatchSize: 1\n"
-                                 "PreProcessing:\n"
-                                 "  - SplitIntoPatches: {patch_size: [4, 4, 2], patch_step_size: 1}\n");
+    Eigen::Vector3i const& p = c.patchSize;
+    std::string text = modelText("doubler", "Verbose: true\nMaxBatchSize: 1\nPreProcessing:\n"
+                                            "  - SplitIntoPatches: {patch_size: [" +
+                                                std::to_string(p.x()) + ", " + std::to_string(p.y()) + ", " +
+                                                std::to_string(p.z()) + "], patch_step_size: 1}\n");
     if (c.recombine)
         text += "PostProcessing:\n  - RecombinePatches: {}\n";
     auto model = load(text);
     ASSERT_NE(model, nullptr);
-    auto input = MLTest::makeSet(2, layoutOf(c.imageSize));
+    auto input = framesOf(2, c.imageSize);
 
     DataItem const output = model->predict(inputOf(input));
     ASSERT_FALSE(output.empty()) << "prediction failed";
-    EXPECT_EQ(g_calls.size(), 2 * c.expectedCalls);
-    for (auto const& call : g_calls) {
+    EXPECT_EQ(DoublingEngine::calls.size(), 2 * c.expectedCalls);
+    for (auto const& call : DoublingEngine::calls) {
         EXPECT_EQ(call.batch, 1U);
-        EXPECT_EQ(call.dims, Eigen::Vector3i(4, 4, 2)) << "the engine always sees whole patches";
+        EXPECT_EQ(call.dims, p) << "the engine always sees whole patches";
     }
     auto const* prediction = output.get<ImageElement>("Prediction");
     ASSERT_NE(prediction, nullptr);
@@ -312,133 +255,75 @@ TEST_P(PatchTest, PatchesArePredictedCroppedAndRecombined)
         for (int f = 0; f < 2; ++f)
             expectDoubled(*input->get(f), *prediction->sis()->get(f));
 
-    // The timings count every engine run, and the stages never add up to more than the whole.
+    // The timings count every engine run, the stages never add up to more than the whole, and a
+    // verbose model says where the time went.
     PredictionTimings const& timings = model->lastTimings();
-    EXPECT_EQ(timings.engineRuns, g_calls.size());
+    EXPECT_EQ(timings.engineRuns, DoublingEngine::calls.size());
     double const stages = timings.preprocessingMs + timings.splittingMs + timings.engineMs +
                           timings.recombinationMs + timings.postprocessingMs;
     EXPECT_GT(timings.totalMs, 0.0);
     EXPECT_LE(stages, timings.totalMs);
     EXPECT_DOUBLE_EQ(timings.outsideEngineMs(), timings.totalMs - timings.engineMs);
-}
-
-TEST_F(MachineLearningModelTest, VerboseModelLogsWhereTheTimeWent)
-{
-    auto model =
-        load(modelText("mlm_doubler", "Verbose: true\nMaxBatchSize: 1\n"
-                                      "PreProcessing:\n"
-                                      "  - SplitIntoPatches: {patch_size: [4, 4, 2], patch_step_size: 1}\n"
-                                      "PostProcessing:\n  - RecombinePatches: {}\n"));
-    ASSERT_NE(model, nullptr);
-    ASSERT_FALSE(model->predict(inputOf(MLTest::makeSet(1, layoutOf({8, 8, 2})))).empty());
-    EXPECT_EQ(model->lastTimings().engineRuns, 4U);
     EXPECT_TRUE(m_capture.containsFragment("Time spent in the engine: "));
-    EXPECT_TRUE(m_capture.containsFragment("(4 runs); outside the engine: "));
+    EXPECT_TRUE(m_capture.containsFragment("(" + std::to_string(DoublingEngine::calls.size()) +
+                                           " runs); outside the engine: "));
 }
 
+// The last case has several patches, each padded along z (the volume is thinner than a patch):
+// recombination places the padded predictions itself and gives the volume back.
 INSTANTIATE_TEST_SUITE_P(
     Patches, PatchTest,
-    ::testing::Values(PatchCase{"RecombinedIntoWholeImage", {8, 8, 2}, true, 4, 1, {8, 8, 2}},
-                      PatchCase{"WithoutRecombinationEveryPatchIsASample", {8, 8, 2}, false, 4, 4, {4, 4, 2}},
-                      PatchCase{"ImageSmallerThanPatchIsCroppedBack", {3, 3, 2}, true, 1, 1, {3, 3, 2}},
-                      PatchCase{
-                          "ImageSmallerThanPatchWithoutRecombination", {3, 3, 2}, false, 1, 1, {3, 3, 2}}),
+    ::testing::Values(
+        PatchCase{"RecombinedIntoWholeImage", {8, 8, 2}, {4, 4, 2}, true, 4, 1, {8, 8, 2}},
+        PatchCase{"WithoutRecombinationEveryPatchIsASample", {8, 8, 2}, {4, 4, 2}, false, 4, 4, {4, 4, 2}},
+        PatchCase{"ImageSmallerThanPatchIsCroppedBack", {3, 3, 2}, {4, 4, 2}, true, 1, 1, {3, 3, 2}},
+        PatchCase{"ImageSmallerThanPatchWithoutRecombination", {3, 3, 2}, {4, 4, 2}, false, 1, 1, {3, 3, 2}},
+        PatchCase{"AxisShorterThanThePatchIsRecombined", {8, 8, 2}, {4, 4, 4}, true, 4, 1, {8, 8, 2}}),
     [](auto const& info) { return info.param.name; });
-
-// Several patches, each padded along z (the volume is thinner than a patch): recombination
-// places the padded predictions itself and gives the volume back.
-TEST_F(MachineLearningModelTest, AxisShorterThanThePatchIsRecombined)
-{
-    auto model =
-        load(modelText("mlm_doubler", "PreProcessing:\n"
-                                      "  - SplitIntoPatches: {patch_size: [4, 4, 4], patch_step_size: 1}\n"
-                                      "PostProcessing:\n  - RecombinePatches: {}\n"));
-    ASSERT_NE(model, nullptr);
-    auto input = MLTest::makeSet(1, layoutOf({8, 8, 2}));
-    DataItem const output = model->predict(inputOf(input));
-    ASSERT_FALSE(output.empty()) << "prediction failed";
-    EXPECT_EQ(g_calls.size(), 4U);
-    auto const* prediction = output.get<ImageElement>("Prediction");
-    ASSERT_NE(prediction, nullptr);
-    ASSERT_EQ(prediction->sis()->size(), 1);
-    expectDoubled(*input->get(0), *prediction->sis()->get(0));
-}
 
 // Batch mode sends whole frames: the split is not applied, and the user is told so.
 TEST_F(MachineLearningModelTest, BatchModeWarnsThatItDoesNotSplit)
 {
-    auto model =
-        load(modelText("mlm_doubler", "MaxBatchSize: 4\n"
-                                      "PreProcessing:\n"
-                                      "  - SplitIntoPatches: {patch_size: [4, 4, 2], patch_step_size: 1}\n"
-                                      "PostProcessing:\n  - RecombinePatches: {}\n"));
+    auto model = load(modelText("doubler", "MaxBatchSize: 4\n" + kSplitAndRecombine));
     ASSERT_NE(model, nullptr);
-    auto input = MLTest::makeSet(1, layoutOf({8, 8, 2}));
-    DataItem const output = model->predict(inputOf(input));
-    ASSERT_FALSE(output.empty());
-    ASSERT_EQ(g_calls.size(), 1U);
-    EXPECT_EQ(g_calls[0].dims, Eigen::Vector3i(8, 8, 2)) << "the whole frame, not a patch";
+    ASSERT_FALSE(model->predict(inputOf(framesOf(1, {8, 8, 2}))).empty());
+    ASSERT_EQ(DoublingEngine::calls.size(), 1U);
+    EXPECT_EQ(DoublingEngine::calls[0].dims, Eigen::Vector3i(8, 8, 2)) << "the whole frame, not a patch";
     EXPECT_TRUE(m_capture.contains("MaxBatchSize 4 runs whole frames in batches: SplitIntoPatches and "
                                    "RecombinePatches are not applied. Set \"MaxBatchSize: 1\" to predict "
                                    "patch by patch.",
                                    kCategory));
 }
 
-// The engine learns the declared kind of each output field, so that it can shape its result.
-TEST_F(MachineLearningModelTest, EngineReceivesTheDeclaredOutputKinds)
-{
-    auto model = load("Version: 8\nPredictionOutput: [Image, Tensor]\nEngine:\n  Name: mlm_doubler\n"
-                      "  ModelFile: net.pt\n  OutputFields: [Prediction, Scores]\n");
-    ASSERT_NE(model, nullptr);
-    ASSERT_NE(model->engine(), nullptr);
-    std::vector<std::string> kinds;
-    ASSERT_TRUE(model->engine()->config.engineSpecificParams.param("PredictionOutput", kinds));
-    EXPECT_EQ(kinds, (std::vector<std::string>{"Image", "Tensor"}));
-}
-
-TEST_F(MachineLearningModelTest, RecombinationWithoutSplitFailsToLoad)
-{
-    auto const result = MachineLearningModel::createWithStatus(
-        write(modelText("mlm_doubler", "PostProcessing:\n  - RecombinePatches: {}\n")),
-        PredictionOutput::Image);
-    EXPECT_EQ(result.model, nullptr);
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.message.value_or(""),
-              "Recombination was specified in the post-processing, but no splitting "
-              "was defined in the pre-processing.");
-}
-
 // ---- Outputs -----------------------------------------------------------------------------------
 
-class IgnoredOutputTest : public MachineLearningModelTest, public ::testing::WithParamInterface<int>
-{};
-
-TEST_P(IgnoredOutputTest, IgnoredOutputIsNeitherInResultNorInContainers)
+TEST_F(MachineLearningModelTest, IgnoredOutputIsNeitherInResultNorInContainersOnBothPaths)
 {
-    int const slices = GetParam(); // 1: batch mode, 2: frame by frame
-    std::string const text = "Version: 8\nMaxBatchSize: 1\nPredictionOutput: [Image, Image]\nEngine:\n"
-                             "  Name: mlm_doubler\n  ModelFile: net.pt\n  OutputFields: [Prediction, Aux]\n"
+    std::string const text = "Version: 8\nMaxBatchSize: 1\nPredictionOutput: [Image, Tensor]\nEngine:\n"
+                             "  Name: doubler\n  ModelFile: net.pt\n  OutputFields: [Prediction, Aux]\n"
                              "  OutputFieldsToIgnore: [Aux]\n";
     auto model = load(text);
     ASSERT_NE(model, nullptr);
+    // The engine learns the declared kind of each output field, so that it can shape its result.
+    std::vector<std::string> kinds;
+    ASSERT_TRUE(model->engine()->config.engineSpecificParams.param("PredictionOutput", kinds));
+    EXPECT_EQ(kinds, (std::vector<std::string>{"Image", "Tensor"}));
     DataItem const containers = model->setupOutputItemContainers();
-    EXPECT_TRUE(containers.contains("Prediction"));
-    EXPECT_FALSE(containers.contains("Aux"));
+    EXPECT_EQ(containers.elements().keys(), std::vector<std::string>{"Prediction"});
 
-    DataItem const output = model->predict(inputOf(MLTest::makeSet(2, layoutOf({4, 4, slices}))));
-    ASSERT_EQ(g_calls.size(), 2U);
-    EXPECT_EQ(output.elements().size(), 1U);
-    EXPECT_TRUE(output.contains("Prediction"));
-    EXPECT_FALSE(output.contains("Aux"));
+    for (int slices : {1, 2}) { // batch mode, frame by frame
+        DoublingEngine::calls.clear();
+        DataItem const output = model->predict(inputOf(framesOf(2, {4, 4, slices})));
+        ASSERT_EQ(DoublingEngine::calls.size(), 2U);
+        EXPECT_EQ(output.elements().keys(), std::vector<std::string>{"Prediction"}) << slices << " slices";
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(BothPaths, IgnoredOutputTest, ::testing::Values(1, 2));
 
 TEST_F(MachineLearningModelTest, ImageSetOverloadReturnsTheFirstOutputAsAPlainSet)
 {
-    auto model = load(modelText("mlm_doubler", "MaxBatchSize: -1\n"));
+    auto model = load(modelText("doubler", "MaxBatchSize: -1\n"));
     ASSERT_NE(model, nullptr);
-    auto input = MLTest::makeSet(2, layoutOf({4, 4, 1}));
+    auto input = framesOf(2, {4, 4, 1});
     std::unique_ptr<SharedImageSet> const output = model->predict(*input);
     ASSERT_NE(output, nullptr);
     ASSERT_EQ(output->size(), 2);
@@ -448,24 +333,41 @@ TEST_F(MachineLearningModelTest, ImageSetOverloadReturnsTheFirstOutputAsAPlainSe
 
 // ---- Failures ----------------------------------------------------------------------------------
 
-TEST_F(MachineLearningModelTest, ThrowingEngineGivesEmptyPredictionOnBothPaths)
+TEST_F(MachineLearningModelTest, FailedPredictionsAreEmptyAndSayWhy)
 {
-    for (int slices : {1, 2}) {
-        auto model = load(modelText("mlm_thrower"));
+    struct Case
+    {
+        std::string text;
+        bool lazy;
+        DataItem input;
+        std::string fragment;
+    };
+    Case const cases[] = {
+        {modelText("thrower"), false, inputOf(framesOf(2, {4, 4, 1})),
+         "Prediction failed: the network failed"},
+        {modelText("thrower"), false, inputOf(framesOf(2, {4, 4, 2})),
+         "Prediction failed: the network failed"},
+        {modelText("doubler"), false, DataItem(), "Empty input."},
+        {modelText("doubler", "MaxBatchSize: 0\n"), false, inputOf(framesOf(2, {4, 4, 1})),
+         "Max batch size must be positive or -1 (no maximum batch size)."},
+        {modelText("broken"), true, inputOf(framesOf(1, {4, 4, 1})),
+         "Model cannot be run due to engine not being initialized"},
+        // A file of schema 7 would need the legacy path; the flag upgrades it.
+        {modelText("doubler", "MaxBatchSize: -1\n", 7), false, inputOf(framesOf(1, {4, 4, 1})),
+         "legacy execution path 'executeBatch'"},
+    };
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.fragment);
+        auto model = load(c.text, c.lazy);
         ASSERT_NE(model, nullptr);
-        EXPECT_TRUE(model->predict(inputOf(MLTest::makeSet(2, layoutOf({4, 4, slices})))).empty()) << slices;
+        m_capture.clear();
+        EXPECT_TRUE(model->predict(c.input).empty());
+        EXPECT_TRUE(m_capture.containsFragment(c.fragment));
     }
-    EXPECT_TRUE(m_capture.contains("Prediction failed: the network failed", kCategory));
-    EXPECT_TRUE(m_capture.contains("No prediction was returned.", kCategory));
-}
-
-TEST_F(MachineLearningModelTest, EmptyInputIsRefused)
-{
-    auto model = load(modelText("mlm_doubler"));
-    ASSERT_NE(model, nullptr);
-    EXPECT_TRUE(model->predict(DataItem()).empty());
-    EXPECT_TRUE(m_capture.contains("Empty input.", kCategory));
-    EXPECT_TRUE(g_calls.empty());
+    EXPECT_TRUE(m_capture.containsFragment("\"UpgradeToMLModelV2: true\""));
+    auto upgraded = load(modelText("doubler", "MaxBatchSize: -1\nUpgradeToMLModelV2: true\n", 7));
+    ASSERT_NE(upgraded, nullptr);
+    EXPECT_FALSE(upgraded->predict(inputOf(framesOf(1, {4, 4, 1}))).empty());
 }
 
 struct LoadFailure
@@ -494,7 +396,6 @@ TEST_P(LoadFailureTest, ReportedByEveryConstructionPath)
 
     EXPECT_EQ(MachineLearningModel::create(path, PredictionOutput::Image), nullptr);
     EXPECT_TRUE(m_capture.contains(result.message.value_or("?"), kCategory));
-
     try {
         MachineLearningModel model(path, PredictionOutput::Image, false);
         ADD_FAILURE() << "expected MLModelException";
@@ -508,102 +409,48 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         LoadFailure{"NoEngineBlock", "Version: 8\nPredictionOutput: [Image]\n",
                     "Could not configure the model: "},
-        LoadFailure{"UnknownOperation", modelText("mlm_doubler", "PreProcessing:\n  - NoSuchOperation: {}\n"),
+        LoadFailure{"UnknownOperation", modelText("doubler", "PreProcessing:\n  - NoSuchOperation: {}\n"),
                     "Could not create the pre-processing sequence: "},
         LoadFailure{"UnknownPostOperation",
-                    modelText("mlm_doubler", "PostProcessing:\n  - NoSuchOperation: {}\n"),
+                    modelText("doubler", "PostProcessing:\n  - NoSuchOperation: {}\n"),
                     "Could not create the post-processing sequence: "},
-        LoadFailure{"EngineCannotBeBuilt", modelText("mlm_broken"), "Could not create engine 'mlm_broken'."},
-        LoadFailure{"UnregisteredEngine", modelText("mlm_nonexistent"),
-                    "Could not create engine 'mlm_nonexistent'."}),
+        LoadFailure{"RecombinationWithoutSplit",
+                    modelText("doubler", "PostProcessing:\n  - RecombinePatches: {}\n"),
+                    "Recombination was specified in the post-processing, but no splitting was defined in the "
+                    "pre-processing."},
+        LoadFailure{"EngineCannotBeBuilt", modelText("broken"), "Could not create engine 'broken'."},
+        LoadFailure{"UnregisteredEngine", modelText("nonexistent"),
+                    "Could not create engine 'nonexistent'."}),
     [](auto const& info) { return info.param.name; });
 
-// ---- Lazy engine, legacy schema, cancel ----------------------------------------------------------
+// ---- Lazy engine, cancel, references --------------------------------------------------------------
 
-TEST_F(MachineLearningModelTest, LazyModelBuildsItsEngineAtTheFirstPrediction)
+TEST_F(MachineLearningModelTest, LazyModelBuildsARegisteredEngineOnceAtTheFirstPrediction)
 {
-    auto model = load(modelText("mlm_doubler", "MaxBatchSize: -1\n"), true);
-    ASSERT_NE(model, nullptr);
-    EXPECT_EQ(model->engine(), nullptr);
-    EXPECT_EQ(g_constructed, 0);
-    EXPECT_FALSE(model->predict(inputOf(MLTest::makeSet(1, layoutOf({4, 4, 1})))).empty());
-    EXPECT_NE(model->engine(), nullptr);
-    EXPECT_EQ(g_constructed, 1);
-    EXPECT_FALSE(model->predict(inputOf(MLTest::makeSet(1, layoutOf({4, 4, 1})))).empty());
-    EXPECT_EQ(g_constructed, 1) << "the engine is built once";
-}
-
-TEST_F(MachineLearningModelTest, LazyModelReportsAnUnbuildableEngineAtPredictionTime)
-{
-    auto model = load(modelText("mlm_broken"), true);
-    ASSERT_NE(model, nullptr);
-    EXPECT_TRUE(model->predict(inputOf(MLTest::makeSet(1, layoutOf({4, 4, 1})))).empty());
-    EXPECT_TRUE(m_capture.contains("Model cannot be run due to engine not being initialized", kCategory));
-}
-
-TEST_F(MachineLearningModelTest, LazyModelRefusesAnUnregisteredEngine)
-{
-    MachineLearningModel model;
-    auto const result = model.init(write(modelText("mlm_nonexistent")), PredictionOutput::Image, true);
+    MachineLearningModel unregistered;
+    auto const result = unregistered.init(write(modelText("nonexistent")), PredictionOutput::Image, true);
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.message.value_or(""),
-              "Engine 'mlm_nonexistent' is not a registered type.\nPlease check that "
-              "your C++ plugins are properly loaded or Python packages are installed "
-              "in your current environment.");
-}
+              "Engine 'nonexistent' is not a registered type.\nPlease check that your C++ plugins are "
+              "properly loaded or Python packages are installed in your current environment.");
 
-TEST_F(MachineLearningModelTest, OlderSchemaNeedsTheUpgradeFlag)
-{
-    auto legacy = load(modelText("mlm_doubler", "MaxBatchSize: -1\n", 7));
-    ASSERT_NE(legacy, nullptr);
-    EXPECT_TRUE(legacy->predict(inputOf(MLTest::makeSet(1, layoutOf({4, 4, 1})))).empty());
-    EXPECT_TRUE(m_capture.containsFragment("legacy execution path 'executeBatch'"));
-    EXPECT_TRUE(m_capture.containsFragment("\"UpgradeToMLModelV2: true\""));
-    EXPECT_TRUE(g_calls.empty());
-
-    auto upgraded = load(modelText("mlm_doubler", "MaxBatchSize: -1\nUpgradeToMLModelV2: true\n", 7));
-    ASSERT_NE(upgraded, nullptr);
-    EXPECT_FALSE(upgraded->predict(inputOf(MLTest::makeSet(1, layoutOf({4, 4, 1})))).empty());
-}
-
-TEST_F(MachineLearningModelTest, CancelDuringPostProcessingDiscardsTheResult)
-{
-    auto model = load(modelText("mlm_doubler", "PostProcessing:\n  - MlmCancel: {}\n"));
+    auto model = load(modelText("doubler", "MaxBatchSize: -1\n"), true);
     ASSERT_NE(model, nullptr);
-    Progress progress;
-    model->setProgress(&progress);
-    g_progressToCancel = &progress;
-    DataItem const output = model->predict(inputOf(MLTest::makeSet(2, layoutOf({4, 4, 1}))));
-    g_progressToCancel = nullptr;
-    EXPECT_EQ(g_calls.size(), 2U) << "the prediction itself ran";
-    EXPECT_TRUE(output.empty());
-    EXPECT_TRUE(m_capture.contains("Prediction was cancelled.", kCategory));
-    EXPECT_TRUE(progress.activeTasks().empty()) << "every task ends with the prediction";
+    EXPECT_EQ(model->engine(), nullptr);
+    EXPECT_EQ(DoublingEngine::constructed, 0);
+    EXPECT_FALSE(model->predict(inputOf(framesOf(1, {4, 4, 1}))).empty());
+    EXPECT_NE(model->engine(), nullptr);
+    EXPECT_FALSE(model->predict(inputOf(framesOf(1, {4, 4, 1}))).empty());
+    EXPECT_EQ(DoublingEngine::constructed, 1) << "the engine is built once";
 }
-
-// Records every task as it starts: description and total steps.
-class RecordingProgress : public Progress
-{
-public:
-    std::vector<std::pair<std::string, int>> started;
-
-protected:
-    void onTaskStarted(TaskInfo const& task) override
-    {
-        started.emplace_back(task.description, task.totalSteps);
-    }
-};
 
 TEST_F(MachineLearningModelTest, FrameAndPatchLoopsReportNestedTasks)
 {
-    auto model =
-        load(modelText("mlm_doubler", "MaxBatchSize: 1\nPreProcessing:\n"
-                                      "  - SplitIntoPatches: {patch_size: [4, 4, 2], patch_step_size: 1}\n"
-                                      "PostProcessing:\n  - RecombinePatches: {}\n"));
+    auto model = load(modelText("doubler", "MaxBatchSize: 1\n" + kSplitAndRecombine));
     ASSERT_NE(model, nullptr);
     RecordingProgress progress;
     model->setProgress(&progress);
-    ASSERT_FALSE(model->predict(inputOf(MLTest::makeSet(2, layoutOf({8, 8, 2})))).empty());
+    ASSERT_FALSE(model->predict(inputOf(framesOf(2, {8, 8, 2}))).empty());
     using Started = std::vector<std::pair<std::string, int>>;
     EXPECT_EQ(progress.started, (Started{{"Pre-processing input...", 6},
                                          {"Processing input frames...", 2},
@@ -611,29 +458,41 @@ TEST_F(MachineLearningModelTest, FrameAndPatchLoopsReportNestedTasks)
                                          {"Predicting image parts...", 4}}));
 }
 
-TEST_F(MachineLearningModelTest, CancelBeforeTheFrameLoopRunsNoEngine)
+TEST_F(MachineLearningModelTest, CancelDiscardsTheResultWhenEverItComes)
 {
-    auto model = load(modelText("mlm_doubler", "MaxBatchSize: 1\n"));
+    // Before the frame loop: no engine runs.
+    auto model = load(modelText("doubler", "MaxBatchSize: 1\n"));
+    ASSERT_NE(model, nullptr);
+    Progress cancelled;
+    model->setProgress(&cancelled);
+    cancelled.cancel();
+    EXPECT_TRUE(model->predict(inputOf(framesOf(3, {4, 4, 2}))).empty());
+    EXPECT_TRUE(DoublingEngine::calls.empty());
+    EXPECT_TRUE(m_capture.contains("No prediction was returned.", kCategory));
+
+    // During the post-processing: the prediction ran, but its result is dropped.
+    model = load(modelText("doubler", "PostProcessing:\n  - MlmCancel: {}\n"));
     ASSERT_NE(model, nullptr);
     Progress progress;
     model->setProgress(&progress);
-    progress.cancel();
-    EXPECT_TRUE(model->predict(inputOf(MLTest::makeSet(3, layoutOf({4, 4, 2})))).empty());
-    EXPECT_TRUE(g_calls.empty());
-    EXPECT_TRUE(m_capture.contains("No prediction was returned.", kCategory));
+    g_progressToCancel = &progress;
+    DataItem const output = model->predict(inputOf(framesOf(2, {4, 4, 1})));
+    g_progressToCancel = nullptr;
+    EXPECT_EQ(DoublingEngine::calls.size(), 2U) << "the prediction itself ran";
+    EXPECT_TRUE(output.empty());
+    EXPECT_TRUE(m_capture.contains("Prediction was cancelled.", kCategory));
+    EXPECT_TRUE(progress.activeTasks().empty()) << "every task ends with the prediction";
 }
-
-// ---- References ----------------------------------------------------------------------------------
 
 TEST_F(MachineLearningModelTest, ReferenceImageFollowsComponentThenCompatibleElements)
 {
-    auto first = MLTest::makeSet(2, layoutOf({4, 4, 1}));
-    auto same = MLTest::makeSet(2, layoutOf({4, 4, 1}));
+    auto first = framesOf(2, {4, 4, 1});
+    auto same = framesOf(2, {4, 4, 1});
     DataItem item = inputOf(first);
     item.set("Other", same);
     EXPECT_EQ(MachineLearningModel::maybeGetReferenceImage(item), first);
 
-    item.set("Other", MLTest::makeSet(2, layoutOf({5, 4, 1})));
+    item.set("Other", framesOf(2, {5, 4, 1}));
     EXPECT_EQ(MachineLearningModel::maybeGetReferenceImage(item), nullptr) << "incompatible elements";
 
     item.components().add(std::make_unique<ReferenceImageDataComponent>(same));

@@ -147,32 +147,21 @@ TEST_F(ModelConfigurationTest, FullFileSetsEveryField)
               std::vector<std::string>{"Score"});
 }
 
-TEST_F(ModelConfigurationTest, MinimalFileKeepsTheDefaults)
+TEST_F(ModelConfigurationTest, MinimalFileKeepsTheDefaultsThatDecideHowItRuns)
 {
     auto const config = load(kMinimalFile);
     ASSERT_EQ(config->status(), 0) << config->errorMessage().value_or("");
-    EXPECT_EQ(config->modelType(), ModelType::NeuralNetwork);
-    EXPECT_FALSE(config->verbose());
     EXPECT_EQ(config->maxBatchSize(), 1);
-    EXPECT_FALSE(config->mustCloneInputContainer());
-    EXPECT_FALSE(config->ringBufferSize().has_value());
     EXPECT_TRUE(config->commercialUseAllowed());
     EXPECT_EQ(config->preprocessingInputFields(), std::vector<std::string>{"Input"});
-    EXPECT_TRUE(config->predictionTypes().empty());
     EXPECT_EQ(config->engineOutputFields(), std::vector<std::string>{"Prediction"});
-    EXPECT_TRUE(config->labelNames().empty());
-    EXPECT_TRUE(config->getPostProcessingOptions().empty());
     EXPECT_FALSE(config->mustSplitImage());
-    EXPECT_TRUE(config->acknowledgments().isEmpty());
-}
 
-TEST_F(ModelConfigurationTest, DefaultOutputStandsInForAMissingPredictionOutput)
-{
-    std::string const path = write("model.yaml", "Version: 8\nEngine: {ModelFile: model.pt}\n");
-    ModelConfiguration const config(path, PredictionOutput::Vector);
-    ASSERT_EQ(config.status(), 0) << config.errorMessage().value_or("");
-    EXPECT_EQ(config.predictionOutputTypes(), std::vector<PredictionOutput>{PredictionOutput::Vector});
-    EXPECT_FALSE(config.mustSplitImage());
+    // Without "PredictionOutput", the caller's default stands in.
+    ModelConfiguration const vector(write("vector.yaml", "Version: 8\nEngine: {ModelFile: model.pt}\n"),
+                                    PredictionOutput::Vector);
+    ASSERT_EQ(vector.status(), 0) << vector.errorMessage().value_or("");
+    EXPECT_EQ(vector.predictionOutputTypes(), std::vector<PredictionOutput>{PredictionOutput::Vector});
 }
 
 TEST_F(ModelConfigurationTest, TreeLoadsLikeTheFile)
@@ -245,10 +234,6 @@ INSTANTIATE_TEST_SUITE_P(
             "ConfigTxt", "model.configtxt", kMinimalFile,
             "Models specified in .configtxt or .model files are not supported anymore, please use a .yaml "
             "based model."},
-        BadFileCase{
-            "ModelExtension", "old.model", kMinimalFile,
-            "Models specified in .configtxt or .model files are not supported anymore, please use a .yaml "
-            "based model."},
         BadFileCase{"NotYaml", "model.yaml", "Version: [8\n", "Could not parse {path} as YAML file"},
         BadFileCase{"MissingVersion", "model.yaml", "PredictionOutput: [Image]\n" + kEngine,
                     "Missing required configure parameter 'Version'"},
@@ -308,19 +293,17 @@ INSTANTIATE_TEST_SUITE_P(
                     "MaxSizeSubdivision is not a multiple of DimensionDivisor."}),
     [](testing::TestParamInfo<BadFileCase> const& info) { return info.param.label; });
 
-TEST_F(ModelConfigurationTest, MissingFileIsRefused)
+TEST_F(ModelConfigurationTest, MissingFileAndNegativeVersionAreRefused)
 {
     ModelConfiguration const config(folder() + "/absent.yaml", PredictionOutput::Unknown);
     EXPECT_EQ(config.status(), 1);
     EXPECT_EQ(config.errorMessage().value_or(""),
               "Could not parse " + folder() + "/absent.yaml as YAML file");
-}
 
-TEST_F(ModelConfigurationTest, NegativeVersionHasNoUpgrade)
-{
+    // A negative version names an upgrade that cannot exist.
     std::string const path = write("model.yaml", "Version: -1\nPredictionOutput: [Image]\n" + kEngine);
     MLTest::expectThrowWithMessage<std::runtime_error>(
-        [&] { ModelConfiguration config(path, PredictionOutput::Unknown); },
+        [&] { ModelConfiguration negative(path, PredictionOutput::Unknown); },
         "Upgrade function from Version -1 to Version 0 not implemented.");
 }
 
@@ -339,7 +322,7 @@ int upgradeNotices(Log::Capture const& capture)
 std::string const kVersion7WithDivisor =
     "Version: 7\nPredictionOutput: [Image]\n" + kEngine + "Sampling:\n  DimensionDivisor: [16, 16, 1]\n";
 
-TEST_F(ModelConfigurationTest, Version7BehavesAs7AndSaysSoOnce)
+TEST_F(ModelConfigurationTest, Version7BehavesAs7AndSaysSoOnceUnlessFlagged)
 {
     auto const config = load(kVersion7WithDivisor);
     ASSERT_EQ(config->status(), 0) << config->errorMessage().value_or("");
@@ -350,27 +333,22 @@ TEST_F(ModelConfigurationTest, Version7BehavesAs7AndSaysSoOnce)
     // Still the implicit padding of the sampling block: no explicit operations.
     EXPECT_TRUE(config->getPreProcessingOptions().empty());
     EXPECT_TRUE(config->getPostProcessingOptions().empty());
-}
 
-TEST_F(ModelConfigurationTest, Version7WithFlagBehavesAs8)
-{
-    auto const config = load(kVersion7WithDivisor + "UpgradeToMLModelV2: true\n");
-    ASSERT_EQ(config->status(), 0) << config->errorMessage().value_or("");
-    EXPECT_EQ(config->upgradedVersion(), 8);
-    EXPECT_EQ(config->version(), 7);
-    EXPECT_EQ(upgradeNotices(m_capture), 0);
-    ASSERT_EQ(config->getPreProcessingOptions().size(), 1u);
-    EXPECT_EQ(config->getPreProcessingOptions()[0].name, "PadDimsToNextMultiple");
-    ASSERT_EQ(config->getPostProcessingOptions().size(), 1u);
-    EXPECT_EQ(config->getPostProcessingOptions()[0].name, "Inverse");
-}
+    m_capture.clear();
+    auto const flagged = load(kVersion7WithDivisor + "UpgradeToMLModelV2: true\n");
+    ASSERT_EQ(flagged->status(), 0) << flagged->errorMessage().value_or("");
+    EXPECT_EQ(flagged->upgradedVersion(), 8);
+    EXPECT_EQ(flagged->version(), 7);
+    ASSERT_EQ(flagged->getPreProcessingOptions().size(), 1u);
+    EXPECT_EQ(flagged->getPreProcessingOptions()[0].name, "PadDimsToNextMultiple");
+    ASSERT_EQ(flagged->getPostProcessingOptions().size(), 1u);
+    EXPECT_EQ(flagged->getPostProcessingOptions()[0].name, "Inverse");
 
-TEST_F(ModelConfigurationTest, Version9LoadsAs8WithoutNotice)
-{
-    auto const config = load("Version: 9\nPredictionOutput: [Image]\n" + kEngine);
-    ASSERT_EQ(config->status(), 0) << config->errorMessage().value_or("");
-    EXPECT_EQ(config->version(), 9);
-    EXPECT_EQ(config->upgradedVersion(), 8);
+    // Newer schemas behave as the latest one, without a notice either.
+    auto const newer = load("Version: 9\nPredictionOutput: [Image]\n" + kEngine);
+    ASSERT_EQ(newer->status(), 0) << newer->errorMessage().value_or("");
+    EXPECT_EQ(newer->version(), 9);
+    EXPECT_EQ(newer->upgradedVersion(), 8);
     EXPECT_EQ(upgradeNotices(m_capture), 0);
 }
 
@@ -452,22 +430,16 @@ TEST_F(ModelConfigurationTest, SavingOneLabelEntryWritesItFlat)
         "'LabelNames' keys must be contained in 'EngineOutputFields'. Found 'Prediction' which is not.");
 }
 
-TEST_F(ModelConfigurationTest, SaveIntoMissingFolderFails)
+TEST_F(ModelConfigurationTest, SaveFailsIntoAMissingFolderAndForAFailedConfiguration)
 {
-    auto const config = load(kMinimalFile);
     std::string const path = folder() + "/absent/saved.yaml";
-    EXPECT_FALSE(config->save(path));
+    EXPECT_FALSE(load(kMinimalFile)->save(path));
     EXPECT_TRUE(m_capture.contains("Could not save ModelConfiguration to output path: " + path,
                                    "ML.ModelConfiguration"));
-}
-
-TEST_F(ModelConfigurationTest, FailedConfigurationIsNotSaved)
-{
-    auto const config = load("Version: 8\n" + kEngine);
-    ASSERT_EQ(config->status(), 1);
-    std::string const path = folder() + "/saved.yaml";
-    EXPECT_FALSE(config->save(path));
-    EXPECT_FALSE(Filesystem::File(Filesystem::Path(path)).exists());
+    auto const failed = load("Version: 8\n" + kEngine);
+    ASSERT_EQ(failed->status(), 1);
+    EXPECT_FALSE(failed->save(folder() + "/saved.yaml"));
+    EXPECT_FALSE(Filesystem::File(Filesystem::Path(folder() + "/saved.yaml")).exists());
 }
 
 TEST_F(ModelConfigurationTest, CompareIgnoresTheFlagAndOptionallyTheVersion)

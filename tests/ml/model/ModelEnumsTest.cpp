@@ -1,3 +1,7 @@
+// The names of the model enumerations as written in model files: every value reads back from its
+// name in any case, out-of-range values are written as unknown, and a bad name is refused with
+// the raw text and the accepted names.
+
 #include "ml/model/ModelEnums.h"
 
 #include "ml/operations/ParamException.h"
@@ -7,122 +11,74 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace Velmoria::ML;
 using Velmoria::MLTest::expectThrowWithMessage;
+using Velmoria::String::toLowerCopy;
+using Velmoria::String::toUpperCopy;
 
 namespace {
 
-// One row per enumeration: its value and written name, and the converters as ints so that the
-// three enumerations share one parametrised family.
-struct EnumCase
+template <class Enum>
+void expectRoundTrips(std::vector<std::pair<Enum, std::string>> const& names, std::string (*toText)(Enum),
+                      Enum (*fromText)(std::string const&))
 {
-    std::string family;
-    int value;
-    std::string name;
-    std::function<std::string(int)> toText;
-    std::function<int(std::string const&)> fromText;
-};
-
-EnumCase modelType(ModelType v, std::string name)
-{
-    return {"ModelType", static_cast<int>(v), std::move(name),
-            [](int i) { return modelTypeToString(static_cast<ModelType>(i)); },
-            [](std::string const& t) { return static_cast<int>(stringToModelType(t)); }};
-}
-EnumCase output(PredictionOutput v, std::string name)
-{
-    return {"PredictionOutput", static_cast<int>(v), std::move(name),
-            [](int i) { return predictionOutputToString(static_cast<PredictionOutput>(i)); },
-            [](std::string const& t) { return static_cast<int>(stringToPredictionOutput(t)); }};
-}
-EnumCase type(PredictionType v, std::string name)
-{
-    return {"PredictionType", static_cast<int>(v), std::move(name),
-            [](int i) { return predictionTypeToString(static_cast<PredictionType>(i)); },
-            [](std::string const& t) { return static_cast<int>(stringToPredictionType(t)); }};
+    for (auto const& [value, name] : names) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(toText(value), name);
+        EXPECT_EQ(fromText(name), value);
+        EXPECT_EQ(fromText(toLowerCopy(name)), value);
+        EXPECT_EQ(fromText(toUpperCopy(name)), value);
+    }
 }
 
-class EnumRoundTrip : public testing::TestWithParam<EnumCase>
-{};
-
-TEST_P(EnumRoundTrip, WritesItsNameAndReadsItBackInAnyCase)
+TEST(ModelEnums, NamesRoundTripInAnyCase)
 {
-    EnumCase const& c = GetParam();
-    EXPECT_EQ(c.toText(c.value), c.name);
-    EXPECT_EQ(c.fromText(c.name), c.value);
-    EXPECT_EQ(c.fromText(Velmoria::String::toLowerCopy(c.name)), c.value);
-    std::string upper = c.name;
-    for (char& ch : upper)
-        ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
-    EXPECT_EQ(c.fromText(upper), c.value);
-}
+    expectRoundTrips<ModelType>(
+        {{ModelType::RandomForest, "RandomForest"}, {ModelType::NeuralNetwork, "NeuralNetwork"}},
+        modelTypeToString, stringToModelType);
+    expectRoundTrips<PredictionOutput>({{PredictionOutput::Unknown, "Unknown"},
+                                        {PredictionOutput::Vector, "Vector"},
+                                        {PredictionOutput::Image, "Image"},
+                                        {PredictionOutput::Keypoints, "Keypoints"},
+                                        {PredictionOutput::BoundingBoxes, "BoundingBoxes"},
+                                        {PredictionOutput::Tensor, "Tensor"}},
+                                       predictionOutputToString, stringToPredictionOutput);
+    expectRoundTrips<PredictionType>({{PredictionType::Unknown, "Unknown"},
+                                      {PredictionType::Classification, "Classification"},
+                                      {PredictionType::Regression, "Regression"},
+                                      {PredictionType::ObjectDetection, "ObjectDetection"}},
+                                     predictionTypeToString, stringToPredictionType);
 
-INSTANTIATE_TEST_SUITE_P(
-    All, EnumRoundTrip,
-    testing::Values(modelType(ModelType::RandomForest, "RandomForest"),
-                    modelType(ModelType::NeuralNetwork, "NeuralNetwork"),
-                    output(PredictionOutput::Unknown, "Unknown"), output(PredictionOutput::Vector, "Vector"),
-                    output(PredictionOutput::Image, "Image"),
-                    output(PredictionOutput::Keypoints, "Keypoints"),
-                    output(PredictionOutput::BoundingBoxes, "BoundingBoxes"),
-                    output(PredictionOutput::Tensor, "Tensor"), type(PredictionType::Unknown, "Unknown"),
-                    type(PredictionType::Classification, "Classification"),
-                    type(PredictionType::Regression, "Regression"),
-                    type(PredictionType::ObjectDetection, "ObjectDetection")),
-    [](testing::TestParamInfo<EnumCase> const& info) { return info.param.family + "_" + info.param.name; });
-
-TEST(EnumValues, AreTheFileFormatNumbers)
-{
-    EXPECT_EQ(static_cast<int>(ModelType::NeuralNetwork), 1);
-    EXPECT_EQ(static_cast<int>(PredictionOutput::Unknown), -1);
-    EXPECT_EQ(static_cast<int>(PredictionOutput::Tensor), 4);
-    EXPECT_EQ(static_cast<int>(PredictionType::ObjectDetection), 2);
-}
-
-TEST(EnumValues, OutOfRangeValuesAreWrittenAsUnknown)
-{
     EXPECT_EQ(modelTypeToString(static_cast<ModelType>(7)), "unknown");
     EXPECT_EQ(predictionOutputToString(static_cast<PredictionOutput>(9)), "Unknown");
     EXPECT_EQ(predictionTypeToString(static_cast<PredictionType>(-5)), "Unknown");
 }
 
-struct RejectCase
+TEST(ModelEnums, BadNamesThrowQuotingTheRawText)
 {
-    std::string label;
-    std::function<void()> convert;
-    std::string message;
-};
-
-class EnumRejects : public testing::TestWithParam<RejectCase>
-{};
-
-TEST_P(EnumRejects, ThrowsParamExceptionQuotingTheRawText)
-{
-    expectThrowWithMessage<ParamException>(GetParam().convert, GetParam().message);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, EnumRejects,
-    testing::Values(
-        RejectCase{"ModelType", [] { stringToModelType("SVM"); },
-                   "Unknown model type 'SVM', supported are ['RandomForest', 'NeuralNetwork']"},
+    std::string const types = "supported are ['RandomForest', 'NeuralNetwork']";
+    std::string const predictionTypes =
+        "supported are ['Unknown', 'Classification', 'Regression', 'ObjectDetection']";
+    std::pair<std::function<void()>, std::string> const cases[] = {
+        {[] { stringToModelType("SVM"); }, "Unknown model type 'SVM', " + types},
         // "unknown" is no model type, although other values are written as "unknown".
-        RejectCase{"ModelTypeUnknown", [] { stringToModelType("unknown"); },
-                   "Unknown model type 'unknown', supported are ['RandomForest', 'NeuralNetwork']"},
-        RejectCase{"PredictionOutput", [] { stringToPredictionOutput("Mesh"); },
-                   "Unknown prediction output 'Mesh', supported are ['Unknown', 'Vector', 'Image', "
-                   "'Keypoints', 'BoundingBoxes', 'Tensor']"},
-        RejectCase{"PredictionType", [] { stringToPredictionType("Segmentation "); },
-                   "Unknown prediction type 'Segmentation ', supported are ['Unknown', 'Classification', "
-                   "'Regression', 'ObjectDetection']"},
-        RejectCase{"Empty", [] { stringToPredictionType(""); },
-                   "Unknown prediction type '', supported are ['Unknown', 'Classification', 'Regression', "
-                   "'ObjectDetection']"}),
-    [](testing::TestParamInfo<RejectCase> const& info) { return info.param.label; });
+        {[] { stringToModelType("unknown"); }, "Unknown model type 'unknown', " + types},
+        {[] { stringToPredictionOutput("Mesh"); },
+         "Unknown prediction output 'Mesh', supported are ['Unknown', 'Vector', 'Image', 'Keypoints', "
+         "'BoundingBoxes', 'Tensor']"},
+        {[] { stringToPredictionType("Segmentation "); },
+         "Unknown prediction type 'Segmentation ', " + predictionTypes},
+        {[] { stringToPredictionType(""); }, "Unknown prediction type '', " + predictionTypes},
+    };
+    for (auto const& [convert, message] : cases) {
+        SCOPED_TRACE(message);
+        expectThrowWithMessage<ParamException>(convert, message);
+    }
+}
 
 } // namespace

@@ -94,14 +94,10 @@ TEST(AdvancedParameter, RegistersWithItsOwnerInOrderAndLeavesOnDestruction)
         EXPECT_EQ(owner.registered, (std::vector<ParameterBase*>{&a, &b, &c}));
     }
     EXPECT_EQ(owner.registered, (std::vector<ParameterBase*>{&a, &b}));
-
     AdvancedParameter<int, Owner> loose{"loose", 0};
     EXPECT_EQ(loose.owner(), nullptr);
-    EXPECT_EQ(owner.registered.size(), 2U);
-}
 
-TEST(AdvancedParameter, OperationIsAnOwner)
-{
+    // An operation is an owner.
     class Op : public Operation
     {
     public:
@@ -111,12 +107,9 @@ TEST(AdvancedParameter, OperationIsAnOwner)
         AdvancedParameter<int, Operation> p_x = {"x", 3, this, ParamRequired::Yes, "old_x"};
     };
     Op op;
-    EXPECT_EQ(op.parameters(), std::vector<ParameterBase*>{&op.p_x});
-    EXPECT_EQ(op.p_x.owner(), &op);
     EXPECT_EQ(op.p_x.deprecatedNames(), std::vector<std::string>{"old_x"});
-
     auto heap = std::make_unique<AdvancedParameter<int, Operation>>("y", 0, &op);
-    EXPECT_EQ(op.parameters().size(), 2U);
+    EXPECT_EQ(op.parameters(), (std::vector<ParameterBase*>{&op.p_x, heap.get()}));
     heap.reset();
     EXPECT_EQ(op.parameters(), std::vector<ParameterBase*>{&op.p_x});
 }
@@ -128,25 +121,21 @@ protected:
     Log::Capture capture;
 };
 
-TEST_F(AdvancedParameterConfigure, NullTreeAndMissingOptionalKeyKeepTheValue)
-{
-    AdvancedParameter<int, Owner> p{"size", 4, &owner};
-    EXPECT_FALSE(p.configure(nullptr));
-    EXPECT_FALSE(p.configure(&kEmpty));
-    EXPECT_EQ(p.value(), 4);
-    EXPECT_TRUE(capture.records().empty());
-}
-
 TEST_F(AdvancedParameterConfigure, ReadValueIsStoredAndTheSignalFiresOnRealChangesOnly)
 {
     AdvancedParameter<int, Owner> p{"size", 4, &owner};
     int signals = 0;
     p.signalValueChanged.connect([&](int const&) { ++signals; });
+    // A null tree or a missing optional key keep the value.
+    EXPECT_FALSE(p.configure(nullptr));
+    EXPECT_FALSE(p.configure(&kEmpty));
+    EXPECT_EQ(p.value(), 4);
     Properties props{{"size", 7}};
     EXPECT_TRUE(p.configure(&props));
     EXPECT_TRUE(p.configure(&props));
     EXPECT_EQ(p.value(), 7);
     EXPECT_EQ(signals, 1);
+    EXPECT_TRUE(capture.records().empty());
 }
 
 TEST_F(AdvancedParameterConfigure, MissingRequiredKeyThrowsAndLogsInTheOwnersCategory)
@@ -265,42 +254,31 @@ protected:
     AdvancedParameter<Color, Owner> bare{"shade", Color::Red, &owner};
 };
 
-TEST_F(EnumParameter, IntegerIsTakenAsTheValueWithoutRangeCheck)
+TEST_F(EnumParameter, IntegersAreTakenWithoutRangeCheckAndNamesGoThroughStringToEnum)
 {
     Properties props{{"color", 2}, {"shade", 9}};
     EXPECT_TRUE(named.configure(&props));
     EXPECT_TRUE(bare.configure(&props));
     EXPECT_EQ(named.value(), Color::Blue);
     EXPECT_EQ(static_cast<int>(bare.value()), 9);
-}
 
-TEST_F(EnumParameter, NameGoesThroughStringToEnum)
-{
-    Properties props{{"color", "Green"}};
-    EXPECT_TRUE(named.configure(&props));
+    Properties names{{"color", "Green"}};
+    EXPECT_TRUE(named.configure(&names));
     EXPECT_EQ(named.value(), Color::Green);
 }
 
-TEST_F(EnumParameter, RejectedNameLogsTheConverterAndThrowsUnparsable)
+TEST_F(EnumParameter, RejectedNamesLogWhyAndThrowUnparsable)
 {
-    Properties props{{"color", "Purple"}};
+    Properties props{{"color", "Purple"}, {"shade", "Green"}};
     EXPECT_EQ(paramExceptionText([&] { named.configure(&props); }),
               "Parameter 'color' could not be parsed, please check the syntax");
     EXPECT_TRUE(capture.contains("Unknown color 'Purple'", "ML.Owner"));
     EXPECT_EQ(named.value(), Color::Red);
-}
 
-TEST_F(EnumParameter, NameWithoutStringToEnumExplainsHowToDeclareTheParameter)
-{
-    Properties props{{"shade", "Green"}};
+    // Without a string-to-enum function, the log explains how to declare the parameter.
     EXPECT_THROW(bare.configure(&props), ParamException);
-    EXPECT_TRUE(capture.contains(
-        "Enum Parameter `shade` is stored as string, but no string to enum function was given. Please "
-        "instantiate "
-        "your Enum Parameter as e.g. `AdvancedParameter<MyEnumClass, MyParentClass> p_myParam = {\"name\", "
-        "MyEnumClass::FirstValue, this, ParamRequired::No, myEnumToStringLambda, myStringToEnumLambda, "
-        "{\"FirstValue\", \"SecondValue\", \"ThirdValue\"}};",
-        "ML.Owner"));
+    EXPECT_TRUE(capture.containsFragment("Enum Parameter `shade` is stored as string, but no string to enum "
+                                         "function was given. Please instantiate your Enum Parameter as"));
     EXPECT_TRUE(
         capture.contains("Parameter 'shade' could not be parsed, please check the syntax", "ML.Owner"));
 }
@@ -330,22 +308,15 @@ TEST_F(EnumParameter, ConfigurationWritesNamesWithTheEnumerationKind)
                                           {"Red", "Green", "Blue"}};
     EXPECT_TRUE(other.configure(&props));
     EXPECT_EQ(other.value(), Color::Blue);
-}
 
-TEST_F(EnumParameter, ValueWithoutANameFallsBackToTheIntegerForm)
-{
+    // A value without a name falls back to the integer form, still of the enumeration kind ...
     named = static_cast<Color>(7);
-    Properties props;
     named.configuration(&props);
     EXPECT_EQ(props.paramValueText("color"), "7");
     EXPECT_EQ(ParamType::kind(props.paramType("color")), ParamType::Enumeration);
-}
-
-TEST_F(EnumParameter, ValuesWithoutConvertersStillMarkTheEnumerationKind)
-{
+    // ... and so do values without converters.
     AdvancedParameter<ParamUnit, Owner> unit{"unit",  ParamUnit::Voxel, &owner,  ParamRequired::No,
                                              "units", nullptr,          nullptr, {"MM", "Fraction", "Voxel"}};
-    Properties props;
     unit.configuration(&props);
     EXPECT_EQ(props.paramValueText("unit"), "2");
     EXPECT_EQ(ParamType::kind(props.paramType("unit")), ParamType::Enumeration);

@@ -1,34 +1,25 @@
 // Channel operations (Softmax, ConvertToGray, BakePhotometricInterpretation) against plain
 // reference loops, on the pixel types each accepts (stored with a shift and scale where that
-// matters), plus their messages and the selection of fields.
+// matters). Their messages are in CatalogueTest.
 
 #include "ml/operations/catalogue/ChannelOperations.h"
 
 #include "ml/TestHelpers.h"
 #include "ml/data/DataItem.h"
 #include "ml/data/ImageElement.h"
-#include "ml/data/VectorElement.h"
-#include "ml/operations/OperationException.h"
-#include "ml/operations/PixelOperationTestHelpers.h"
-#include "ml/plugin/Registrations.h"
+#include "ml/operations/CatalogueTestHelpers.h"
 
-#include "host/core/Log.h"
 #include "host/image/DisplayOptions.h"
-#include "host/image/SharedImageSet.h"
-#include "host/image/TypedImage.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
-#include <limits>
 #include <random>
-#include <string>
 
 using namespace Velmoria;
 using namespace Velmoria::ML;
-using namespace Velmoria::ML::PixelOperationTests;
+using namespace Velmoria::ML::CatalogueTests;
 
 namespace {
 
@@ -51,16 +42,12 @@ std::vector<double> referenceSoftmax(std::vector<double> const& x)
     return e;
 }
 
-} // namespace
-
-// ---- ConvertToGray: every pixel type, 1 to 5 channels ----------------------------------------
-
 template <class T>
-class ConvertToGrayTest : public ::testing::Test
+class ChannelOperationsTyped : public ::testing::Test
 {};
-TYPED_TEST_SUITE(ConvertToGrayTest, AllPixelTypes);
+TYPED_TEST_SUITE(ChannelOperationsTyped, AllPixelTypes);
 
-TYPED_TEST(ConvertToGrayTest, AveragesTheChannelsIntoOneOfTheSameTypeAndGeometry)
+TYPED_TEST(ChannelOperationsTyped, ConvertToGrayAveragesTheChannelsIntoOneOfTheSameTypeAndGeometry)
 {
     Eigen::Vector3i const size(4, 3, 2);
     auto const pixels = static_cast<std::size_t>(size.prod());
@@ -72,7 +59,6 @@ TYPED_TEST(ConvertToGrayTest, AveragesTheChannelsIntoOneOfTheSameTypeAndGeometry
             MLTest::placedFrame<TypeParam>(size, channels, stored0, kShift, kScale));
         set->add(MLTest::placedFrame<TypeParam>(size, channels, stored1, kShift, kScale));
         set->get(1)->setModality(Data::Modality::CT);
-        auto const before = set->getShared(1);
 
         set = ConvertToGrayOperation().process(set);
         ASSERT_EQ(set->size(), 2);
@@ -82,10 +68,8 @@ TYPED_TEST(ConvertToGrayTest, AveragesTheChannelsIntoOneOfTheSameTypeAndGeometry
             ASSERT_EQ(out.pixelType(), Utils::pixelTypeId<TypeParam>());
             EXPECT_EQ(out.descriptor().shift, kShift);
             EXPECT_EQ(out.descriptor().scale, kScale);
-            EXPECT_EQ(out.dimensions(), size);
-            EXPECT_EQ(out.spacing(), before->spacing());
-            EXPECT_TRUE(out.pixelToWorld(Eigen::Vector3d(3, 2, 1))
-                            .isApprox(before->pixelToWorld(Eigen::Vector3d(3, 2, 1))));
+            EXPECT_EQ(out.spacing(), Eigen::Vector3d(0.7, 1.1, 2.5));
+            EXPECT_TRUE(out.matrixToWorld().isApprox(MLTest::placedFrameMatrix()));
             auto const& stored = f == 0 ? stored0 : stored1;
             for (std::size_t p = 0; p < pixels; ++p) {
                 double total = 0.0;
@@ -110,20 +94,14 @@ TEST(ConvertToGray, RoundsIntegerAveragesToTheNearestValue)
     two = ConvertToGrayOperation().process(two);
     EXPECT_EQ(storedAt(*two->get(0), 0), 2.0);
     EXPECT_EQ(storedAt(*two->get(0), 1), 253.0);
+    // One pixel: the vector path.
     auto three =
         std::make_shared<SharedImageSet>(MLTest::placedFrame<short>(Eigen::Vector3i(1, 1, 1), 3, {0, 0, 1}));
     three = ConvertToGrayOperation().process(three);
     EXPECT_EQ(storedAt(*three->get(0), 0), 0.0);
 }
 
-// ---- BakePhotometricInterpretation -----------------------------------------------------------
-
-template <class T>
-class BakePhotometricTest : public ::testing::Test
-{};
-TYPED_TEST_SUITE(BakePhotometricTest, AllPixelTypes);
-
-TYPED_TEST(BakePhotometricTest, WritesTheInversionIntoTheValuesOnceAndClearsTheFlag)
+TYPED_TEST(ChannelOperationsTyped, BakeWritesTheInversionIntoTheValuesOnceAndClearsTheFlag)
 {
     Eigen::Vector3i const size(5, 3, 2);
     auto const count = static_cast<std::size_t>(size.prod());
@@ -142,11 +120,9 @@ TYPED_TEST(BakePhotometricTest, WritesTheInversionIntoTheValuesOnceAndClearsTheF
     set->components().getOrCreate<DisplayOptions2d>()->p_invert.setValue(true);
     set->components().getOrCreate<DisplayOptions3d>()->p_invert.setValue(true);
 
-    std::vector<double> originals;
-    for (std::size_t i = 0; i < count; ++i)
-        originals.push_back(static_cast<double>(static_cast<TypeParam>(stored0[i])) / kScale - kShift);
-    for (std::size_t i = 0; i < count; ++i)
-        originals.push_back(static_cast<double>(static_cast<TypeParam>(stored1[i])) - 3.0);
+    std::vector<double> originals = originalsOf<TypeParam>(stored0);
+    for (double v : originalsOf<TypeParam>(stored1, 3.0, 1.0))
+        originals.push_back(v);
     double const lo = *std::min_element(originals.begin(), originals.end());
     double const hi = *std::max_element(originals.begin(), originals.end());
 
@@ -164,22 +140,16 @@ TYPED_TEST(BakePhotometricTest, WritesTheInversionIntoTheValuesOnceAndClearsTheF
     }
 }
 
-TYPED_TEST(BakePhotometricTest, PassesANonInvertedImageThrough)
+TEST(BakePhotometric, PassesANonInvertedImageThroughAndHonoursAnOnlyThreeDimensionalFlag)
 {
-    auto const stored = randomStored<TypeParam>(6, 8);
-    std::shared_ptr<SharedImageSet> set = std::make_shared<SharedImageSet>(
-        MLTest::placedFrame<TypeParam>(Eigen::Vector3i(3, 2, 1), 1, stored, kShift, kScale));
+    auto set = floatSet(Eigen::Vector3i(3, 1, 1), 1, {1, 4, 10});
     auto const frame = set->getShared(0);
     set->components().getOrCreate<DisplayOptions2d>()->p_invert.setValue(false);
     set = BakePhotometricInterpretationOperation().process(set);
     EXPECT_EQ(set->getShared(0), frame);
-    for (std::size_t i = 0; i < stored.size(); ++i)
-        EXPECT_EQ(storedAt(*set->get(0), i), static_cast<double>(static_cast<TypeParam>(stored[i])));
-}
+    EXPECT_EQ(storedAt(*set->get(0), 1), 4.0);
 
-TEST(BakePhotometric, AOnlyThreeDimensionalFlagIsHonoured)
-{
-    auto set = floatSet(Eigen::Vector3i(3, 1, 1), 1, {1, 4, 10});
+    set = floatSet(Eigen::Vector3i(3, 1, 1), 1, {1, 4, 10});
     set->components().getOrCreate<DisplayOptions3d>()->p_invert.setValue(true);
     set = BakePhotometricInterpretationOperation().process(set);
     EXPECT_EQ(storedAt(*set->get(0), 0), 10.0);
@@ -187,73 +157,6 @@ TEST(BakePhotometric, AOnlyThreeDimensionalFlagIsHonoured)
     EXPECT_EQ(storedAt(*set->get(0), 2), 1.0);
     EXPECT_FALSE(set->components().get<DisplayOptions3d>()->p_invert.value());
 }
-
-// ---- Messages ----------------------------------------------------------------------------------
-
-struct MessageCase
-{
-    std::string name;
-    std::function<std::unique_ptr<Operation>()> make;
-    std::function<std::shared_ptr<SharedImageSet>()> input;
-    std::string message;
-};
-
-class ChannelOperationMessages : public ::testing::TestWithParam<MessageCase>
-{};
-
-TEST_P(ChannelOperationMessages, AreRaisedAndNothingIsWritten)
-{
-    MessageCase const& c = GetParam();
-    auto const set = c.input();
-    double const first = storedAt(*set->get(0), 0);
-    auto const operation = c.make();
-    EXPECT_EQ(errorOf(*operation, set), c.message);
-    EXPECT_EQ(storedAt(*set->get(0), 0), first);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ChannelOperationMessages,
-    ::testing::Values(
-        MessageCase{"SoftmaxOfBytes", [] { return std::make_unique<SoftmaxOperation>(); },
-                    [] {
-                        return std::make_shared<SharedImageSet>(
-                            MLTest::placedFrame<unsigned char>(Eigen::Vector3i(2, 1, 1), 2, {1, 2, 3, 4}));
-                    },
-                    "[ML.Softmax] Input image is not float"},
-        MessageCase{"SoftmaxOfDoubles", [] { return std::make_unique<SoftmaxOperation>(); },
-                    [] {
-                        return std::make_shared<SharedImageSet>(
-                            MLTest::placedFrame<double>(Eigen::Vector3i(1, 1, 1), 2, {1, 2}));
-                    },
-                    "[ML.Softmax] Input image is not float"},
-        MessageCase{"SoftmaxForcedOnGpuWithFiveChannels",
-                    [] {
-                        auto softmax = std::make_unique<SoftmaxOperation>();
-                        softmax->setComputingDevice(ComputingDevice::ForceGPU);
-                        return softmax;
-                    },
-                    [] {
-                        return floatSet(Eigen::Vector3i(1, 1, 1), 5, {1, 2, 3, 4, 5});
-                    },
-                    "[ML.Softmax] Cannot force run on GPU with image channels > 4"},
-        MessageCase{"BakeMultichannel",
-                    [] { return std::make_unique<BakePhotometricInterpretationOperation>(); },
-                    [] {
-                        return floatSet(Eigen::Vector3i(2, 1, 1), 2, {1, 2, 3, 4});
-                    },
-                    "[ML.BakePhotometricInterpretation] BakePhotometricInterpretationOperation can't be "
-                    "applied to multichannel images"},
-        MessageCase{"BakeDisagreeingFlags",
-                    [] { return std::make_unique<BakePhotometricInterpretationOperation>(); },
-                    [] {
-                        auto set = floatSet(Eigen::Vector3i(2, 1, 1), 1, {1, 2});
-                        set->components().getOrCreate<DisplayOptions2d>()->p_invert.setValue(true);
-                        set->components().getOrCreate<DisplayOptions3d>()->p_invert.setValue(false);
-                        return set;
-                    },
-                    "[ML.BakePhotometricInterpretation] DisplayOptions2d and displayOptions3D have "
-                    "different invert values"}),
-    [](auto const& info) { return info.param.name; });
 
 // ---- Softmax -----------------------------------------------------------------------------------
 
@@ -322,61 +225,18 @@ TEST(Softmax, ForcedOnGpuWithFourChannelsStillComputes)
         EXPECT_FLOAT_EQ(static_cast<float>(storedAt(*set->get(0), c)), 0.25F);
 }
 
-TEST(Softmax, ProcessesLabelsUnlessNarrowedAndTakesVectors)
+TEST(Softmax, ProcessesImagesLabelsAndVectorsOfAnItem)
 {
-    auto const makeItem = [] {
-        DataItem item;
-        item.set("image", floatSet(Eigen::Vector3i(2, 1, 1), 2, {0, 0, 1, 1}));
-        item.set("label", floatSet(Eigen::Vector3i(2, 1, 1), 2, {0, 0, 1, 1}));
-        item.get("label")->tagAsTarget();
-        item.set("scores", floatSet(Eigen::Vector3i(1, 1, 1), 2, {3, 3}));
-        return item;
-    };
-    auto const first = [](DataItem& item, char const* field) {
-        return storedAt(*dynamic_cast<ImageElement*>(item.get(field))->sis()->get(0), 0);
-    };
-    ASSERT_NE(dynamic_cast<VectorElement*>(makeItem().get("scores")), nullptr);
-
-    DataItem all = makeItem();
-    SoftmaxOperation().process(all);
-    EXPECT_FLOAT_EQ(static_cast<float>(first(all, "image")), 0.5F);
-    EXPECT_FLOAT_EQ(static_cast<float>(first(all, "label")), 0.5F) << "the policy is Everything";
-    EXPECT_FLOAT_EQ(
-        static_cast<float>(storedAt(*dynamic_cast<VectorElement*>(all.get("scores"))->sis()->get(0), 0)),
-        0.5F);
-
-    DataItem narrowed = makeItem();
-    SoftmaxOperation applyTo;
-    applyTo.setApplyTo(Operation::FieldSet{"image"});
-    applyTo.process(narrowed);
-    EXPECT_FLOAT_EQ(static_cast<float>(first(narrowed, "image")), 0.5F);
-    EXPECT_EQ(first(narrowed, "label"), 0.0);
-
-    DataItem byPolicy = makeItem();
-    SoftmaxOperation policy;
-    Properties properties;
-    properties.setParam("processing_policy", std::string("EverythingButLabels"));
-    ASSERT_TRUE(policy.configure(properties));
-    policy.process(byPolicy);
-    EXPECT_EQ(first(byPolicy, "label"), 0.0);
-    EXPECT_FLOAT_EQ(static_cast<float>(first(byPolicy, "image")), 0.5F);
+    DataItem item;
+    item.set("image", floatSet(Eigen::Vector3i(2, 1, 1), 2, {0, 0, 1, 1}));
+    item.set("label", floatSet(Eigen::Vector3i(2, 1, 1), 2, {0, 0, 1, 1}));
+    item.get("label")->tagAsTarget();
+    item.set("scores", floatSet(Eigen::Vector3i(1, 1, 1), 2, {3, 3}));
+    SoftmaxOperation().process(item);
+    for (char const* field : {"image", "label", "scores"})
+        EXPECT_FLOAT_EQ(static_cast<float>(storedAt(*item.get<SISBasedElement>(field)->sis()->get(0), 0)),
+                        0.5F)
+            << field;
 }
 
-TEST(ChannelOperations, AreCreatedByNameWithTheirPolicies)
-{
-    registerOperations();
-    struct Expected
-    {
-        char const* name;
-        Operation::ProcessingPolicy policy;
-    };
-    for (Expected const& e :
-         {Expected{"Softmax", Operation::ProcessingPolicy::Everything},
-          Expected{"ConvertToGray", Operation::ProcessingPolicy::EverythingButLabels},
-          Expected{"BakePhotometricInterpretation", Operation::ProcessingPolicy::EverythingButLabels}}) {
-        auto const operation = Operation::createFromFactories({e.name, Properties(), Phase::Always});
-        ASSERT_NE(operation, nullptr) << e.name;
-        EXPECT_EQ(operation->processingPolicy(), e.policy) << e.name;
-        EXPECT_EQ(operation->name(), e.name);
-    }
-}
+} // namespace

@@ -1,103 +1,38 @@
-// Crop, CutOut and PolyCrop. Crop's geometry is checked against world positions computed here
-// from the convention (pixel p at (p - (dim - 1) / 2) * spacing, then matrixToWorld) on an
-// obliquely turned, moved, anisotropic grid; CutOut's boxes and PolyCrop's half-spaces against
-// masks computed here pixel by pixel.
+// Crop, CutOut, PolyCrop and CropAroundLabelMap. Crop's geometry is checked against world
+// positions computed from the convention on an obliquely turned, moved, anisotropic grid;
+// CutOut's boxes and PolyCrop's half-spaces against masks computed here pixel by pixel;
+// CropAroundLabelMap against the box found by hand from where the labels were drawn. Their
+// messages are in CatalogueTest.
 
 #include "ml/operations/catalogue/CropOperations.h"
 
-#include "ml/operations/OperationException.h"
-
-#include "host/core/Log.h"
-#include "host/image/SharedImageSet.h"
-#include "host/image/TypedImage.h"
+#include "ml/TestHelpers.h"
+#include "ml/data/DataItem.h"
+#include "ml/data/ImageElement.h"
+#include "ml/operations/CatalogueTestHelpers.h"
+#include "ml/operations/catalogue/CropAroundLabelMapOperation.h"
 
 #include <gtest/gtest.h>
 
-#include <Eigen/Geometry>
-#include <cmath>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <vector>
 
 using namespace Velmoria;
 using namespace Velmoria::ML;
+using namespace Velmoria::ML::CatalogueTests;
 
 namespace {
 
-Eigen::Vector3d const kSpacing(0.7, 1.3, 2.5);
-
-Eigen::Matrix4d obliqueMatrix()
-{
-    Eigen::Affine3d const t = Eigen::Translation3d(3.0, -8.0, 21.0) *
-                              Eigen::AngleAxisd(-0.8, Eigen::Vector3d(2.0, -1.0, 1.0).normalized());
-    return t.matrix();
-}
-
-// A float frame whose stored value at pixel i, channel c is 10 * i + c + 1 (never 0).
-std::shared_ptr<SharedImage> rampFrame(Eigen::Vector3i const& dims, int channels = 1)
-{
-    auto pixels = TypedImage<float>::zeros(dims, channels);
-    for (std::size_t i = 0; i < pixels->descriptor().pixelCount(); ++i)
-        for (int c = 0; c < channels; ++c)
-            pixels->setValue(static_cast<float>(10 * i + static_cast<std::size_t>(c) + 1),
-                             i * static_cast<std::size_t>(channels) + static_cast<std::size_t>(c));
-    pixels->setSpacing(kSpacing, true);
-    auto frame = std::make_shared<SharedImage>(std::shared_ptr<Image>(std::move(pixels)));
-    frame->setMatrixToWorld(obliqueMatrix());
-    frame->setModality(Data::Modality::MRI);
-    return frame;
-}
-
-std::shared_ptr<SharedImageSet> setOf(std::vector<Eigen::Vector3i> const& sizes, int channels = 1)
+// `sizes.size()` ramp frames of modality MRI with `channels` channels.
+std::shared_ptr<SharedImageSet> mriSet(std::vector<Eigen::Vector3i> const& sizes, int channels = 1)
 {
     auto set = std::make_shared<SharedImageSet>();
-    for (auto const& dims : sizes)
+    for (auto const& dims : sizes) {
         set->add(rampFrame(dims, channels));
-    return set;
-}
-
-Eigen::Vector3d worldOf(SharedImage const& frame, Eigen::Vector3d const& p)
-{
-    Eigen::Vector3d const dims = frame.dimensions().cast<double>();
-    Eigen::Vector3d const image = (p - (dims - Eigen::Vector3d::Ones()) / 2.0).cwiseProduct(frame.spacing());
-    return (frame.matrixToWorld() * image.homogeneous()).head<3>();
-}
-
-float valueAt(SharedImage const& frame, Eigen::Vector3i const& p, int channel = 0)
-{
-    Eigen::Vector3i const d = frame.dimensions();
-    auto const index =
-        ((static_cast<std::size_t>(p.z()) * d.y() + p.y()) * d.x() + p.x()) * frame.channels() + channel;
-    return static_cast<float const*>(frame.mem()->data())[index];
-}
-
-std::string errorOf(Operation& operation, std::shared_ptr<SharedImageSet> const& set)
-{
-    try {
-        operation.process(set);
-    } catch (OperationException const& e) {
-        return e.what();
+        set->get(set->size() - 1)->setModality(Data::Modality::MRI);
     }
-    return "no exception";
-}
-
-std::vector<std::string> messagesOf(Log::Capture const& capture, std::string const& category)
-{
-    std::vector<std::string> out;
-    for (auto const& record : capture.records())
-        if (record.category == category)
-            out.push_back(record.message);
-    return out;
-}
-
-template <class F>
-void forEachPixel(Eigen::Vector3i const& dims, F&& f)
-{
-    for (int z = 0; z < dims.z(); ++z)
-        for (int y = 0; y < dims.y(); ++y)
-            for (int x = 0; x < dims.x(); ++x)
-                f(Eigen::Vector3i(x, y, z));
+    return set;
 }
 
 // ---- Crop ------------------------------------------------------------------------------------------
@@ -124,7 +59,7 @@ TEST_P(CropGeometry, KeepsPixelsAtTheirWorldPositions)
 {
     CropCase const& c = GetParam();
     CropOperation crop(c.size, c.offset);
-    auto const input = setOf({c.dims, c.dims}, 2);
+    auto const input = mriSet({c.dims, c.dims}, 2);
     auto const output = crop.process(input);
     ASSERT_EQ(output->size(), 2);
     for (int f = 0; f < 2; ++f) {
@@ -137,7 +72,8 @@ TEST_P(CropGeometry, KeepsPixelsAtTheirWorldPositions)
             Eigen::Vector3i const p = q + c.resolvedOffset;
             for (int ch = 0; ch < 2; ++ch)
                 ASSERT_EQ(valueAt(out, q, ch), valueAt(in, p, ch));
-            ASSERT_LT((worldOf(out, q.cast<double>()) - worldOf(in, p.cast<double>())).norm(), 1e-9);
+            ASSERT_LT((conventionWorld(out, q.cast<double>()) - conventionWorld(in, p.cast<double>())).norm(),
+                      1e-9);
         });
     }
 }
@@ -151,67 +87,16 @@ INSTANTIATE_TEST_SUITE_P(
                       CropCase{"Whole", {4, 3, 2}, {-1, -1, -1}, {0, 0, 0}, {0, 0, 0}, {4, 3, 2}}),
     [](auto const& info) { return info.param.name; });
 
-struct CropErrorCase
-{
-    std::string name;
-    Eigen::Vector3i size;
-    Eigen::Vector3i offset;
-    std::string expected;
-};
-
-void PrintTo(CropErrorCase const& c, std::ostream* os)
-{
-    *os << c.name;
-}
-
-class CropErrors : public ::testing::TestWithParam<CropErrorCase>
-{};
-
-TEST_P(CropErrors, AreFoundBeforeAnyFrameIsCropped)
-{
-    CropErrorCase const& c = GetParam();
-    // The first frame would be fine for most cases; the second (width 10) must stop the run.
-    auto const input = setOf({{12, 3, 2}, {10, 3, 2}});
-    CropOperation crop(c.size, c.offset);
-    EXPECT_EQ(errorOf(crop, input), "[ML.Crop] " + c.expected);
-    EXPECT_EQ(input->get(0)->dimensions(), Eigen::Vector3i(12, 3, 2));
-    EXPECT_EQ(input->get(1)->dimensions(), Eigen::Vector3i(10, 3, 2));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Crop, CropErrors,
-    ::testing::Values(
-        CropErrorCase{"NegativeOffset",
-                      {-1, -1, -1},
-                      {-11, 0, 0},
-                      "Resolved offset is negative. Crop offset: [-11, 0, 0]"},
-        CropErrorCase{"OffsetPastEnd",
-                      {1, -1, -1},
-                      {11, 0, 0},
-                      "Offset exceeds image dimensions. Image size: [10, 3, 2], Crop offset: [11, 0, 0]"},
-        CropErrorCase{
-            "NothingLeft", {-1, -1, -1}, {10, 0, 0}, "Resolved size is equal to zero. Crop size: [0, 3, 2]"},
-        CropErrorCase{
-            "ZeroSize", {4, 0, -1}, {0, 0, 0}, "Resolved size is equal to zero. Crop size: [4, 0, 2]"},
-        CropErrorCase{
-            "BoxPastEnd",
-            {6, -1, -1},
-            {5, 0, 0},
-            "Offset + size exceeds image dimensions. Image size: [10, 3, 2], Offset + size: [11, 3, 2]"}),
-    [](auto const& info) { return info.param.name; });
-
 TEST(Crop, ReadsTheOldKeyNamesWithADeprecationNote)
 {
     CropOperation crop;
     Log::Capture capture;
     ASSERT_TRUE(crop.configure(Properties{{"crop_size", "2 2 1"}, {"crop_offset", "1 0 0"}}));
-    EXPECT_EQ(crop.p_size.value(), Eigen::Vector3i(2, 2, 1));
-    EXPECT_EQ(crop.p_offset.value(), Eigen::Vector3i(1, 0, 0));
     EXPECT_TRUE(
         capture.contains("Using deprecated parameter 'crop_size'. Please use: 'size' instead.", "ML.Crop"));
-    auto const output = crop.process(setOf({{4, 3, 2}}));
+    auto const output = crop.process(mriSet({{4, 3, 2}}));
     EXPECT_EQ(output->get(0)->dimensions(), Eigen::Vector3i(2, 2, 1));
-    EXPECT_EQ(valueAt(*output->get(0), {0, 0, 0}), 11.0F);
+    EXPECT_EQ(valueAt(*output->get(0), {0, 0, 0}), 11.0);
 }
 
 // ---- CutOut ----------------------------------------------------------------------------------------
@@ -240,7 +125,7 @@ TEST_P(CutOutBoxes, BlankExactlyTheBoxesInAllChannels)
     Log::Capture capture;
     ASSERT_TRUE(cutOut.configure(c.properties));
     Eigen::Vector3i const dims(8, 6, 4);
-    auto const input = setOf({dims}, 2);
+    auto const input = mriSet({dims}, 2);
     auto const output = cutOut.process(input);
     ASSERT_NE(output, input);
     EXPECT_EQ(messagesOf(capture, "ML.CutOut"), c.warnings);
@@ -257,8 +142,7 @@ TEST_P(CutOutBoxes, BlankExactlyTheBoxesInAllChannels)
         for (int ch = 0; ch < 2; ++ch) {
             ASSERT_EQ(valueAt(out, p, ch), fill.value_or(valueAt(in, p, ch))) << p.transpose();
             // The input is a different set and stays as it was.
-            ASSERT_EQ(valueAt(in, p, ch),
-                      10.0F * static_cast<float>((p.z() * 6 + p.y()) * 8 + p.x()) + ch + 1);
+            ASSERT_EQ(valueAt(in, p, ch), 10.0 * ((p.z() * 6 + p.y()) * 8 + p.x()) + ch + 1);
         }
     });
 }
@@ -269,86 +153,42 @@ std::string const kClipped = "offset + cutout size exceeds image dimension. Clip
 INSTANTIATE_TEST_SUITE_P(
     CutOut, CutOutBoxes,
     ::testing::Values(CutOutCase{"Voxels",
-                                 {{"size", "2 3 1"}, {"offset", "1 2 3"}, {"fill_value", "-5"}},
+                                 Properties{{"size", "2 3 1"}, {"offset", "1 2 3"}, {"fill_value", "-5"}},
                                  {{{1, 2, 3}, {2, 3, 1}}},
                                  {-5.0F},
                                  {}},
+                      // offset 1.4 / 0.7 = 2, 2.6 / 1.3 = 2; size 4, 3, 1
                       CutOutCase{"FractionAndMM",
-                                 {{"size", "0.5 0.5 0.25"},
-                                  {"size_units", "Fraction"},
-                                  {"offset", "1.4 2.6 0"},
-                                  {"offset_units", "MM"},
-                                  {"fill_value", "0"}},
-                                 // offset 1.4 / 0.7 = 2, 2.6 / 1.3 = 2; size 4, 3, 1
+                                 Properties{{"size", "0.5 0.5 0.25"},
+                                            {"size_units", "Fraction"},
+                                            {"offset", "1.4 2.6 0"},
+                                            {"offset_units", "MM"},
+                                            {"fill_value", "0"}},
                                  {{{2, 2, 0}, {4, 3, 1}}},
                                  {0.0F},
                                  {}},
-                      CutOutCase{
-                          "TwoBoxes",
-                          {{"size", "[1 1 1, 2 2 2]"}, {"offset", "[0 0 0, 6 4 2]"}, {"fill_value", "7 9"}},
-                          {{{0, 0, 0}, {1, 1, 1}}, {{6, 4, 2}, {2, 2, 2}}},
-                          {7.0F, 9.0F},
-                          {}},
+                      CutOutCase{"TwoBoxes",
+                                 Properties{{"size", "[1 1 1, 2 2 2]"},
+                                            {"offset", "[0 0 0, 6 4 2]"},
+                                            {"fill_value", "7 9"}},
+                                 {{{0, 0, 0}, {1, 1, 1}}, {{6, 4, 2}, {2, 2, 2}}},
+                                 {7.0F, 9.0F},
+                                 {}},
                       CutOutCase{"ZeroSizeIsOneVoxel",
-                                 {{"size", "0 0 0"}, {"offset", "3 3 1"}, {"fill_value", "2"}},
+                                 Properties{{"size", "0 0 0"}, {"offset", "3 3 1"}, {"fill_value", "2"}},
                                  {{{3, 3, 1}, {1, 1, 1}}},
                                  {2.0F},
                                  {kTooSmall}},
                       CutOutCase{"ClippedAtTheEnd",
-                                 {{"size", "5 1 1"}, {"offset", "6 0 0"}, {"fill_value", "3"}},
+                                 Properties{{"size", "5 1 1"}, {"offset", "6 0 0"}, {"fill_value", "3"}},
                                  {{{6, 0, 0}, {2, 1, 1}}},
                                  {3.0F},
                                  {kClipped}},
                       CutOutCase{"StartingBeyondTheImage",
-                                 {{"size", "1 1 1"}, {"offset", "9 0 0"}, {"fill_value", "3"}},
+                                 Properties{{"size", "1 1 1"}, {"offset", "9 0 0"}, {"fill_value", "3"}},
                                  {},
                                  {},
                                  {kClipped}}),
-    [](auto const& info) { return info.param.name; });
-
-struct CutOutErrorCase
-{
-    std::string name;
-    Properties properties;
-    std::string expected;
-};
-
-void PrintTo(CutOutErrorCase const& c, std::ostream* os)
-{
-    *os << c.name;
-}
-
-class CutOutErrors : public ::testing::TestWithParam<CutOutErrorCase>
-{};
-
-TEST_P(CutOutErrors, FailWithTheirMessage)
-{
-    CutOutErrorCase const& c = GetParam();
-    CutOutOperation cutOut;
-    ASSERT_TRUE(cutOut.configure(c.properties));
-    auto const input = setOf({{4, 4, 1}});
-    EXPECT_EQ(errorOf(cutOut, input), "[ML.CutOut] " + c.expected);
-    EXPECT_EQ(valueAt(*input->get(0), {0, 0, 0}), 1.0F);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    CutOut, CutOutErrors,
-    ::testing::Values(
-        CutOutErrorCase{"NegativeSize",
-                        {{"size", "-1 1 1"}, {"offset", "0 0 0"}, {"fill_value", "0"}},
-                        "cutout size should be >= 0."},
-        CutOutErrorCase{"NegativeOffset",
-                        {{"size", "1 1 1"}, {"offset", "0 -2 0"}, {"fill_value", "0"}},
-                        "cutout offset should be >= 0."},
-        CutOutErrorCase{"LengthsDiffer",
-                        {{"size", "1 1 1"}, {"offset", "0 0 0"}, {"fill_value", "0 1"}},
-                        "number of offsets, sizes and fill values are not equal."},
-        CutOutErrorCase{"UnknownSizeUnit",
-                        {{"size", "1 1 1"}, {"size_units", "7"}, {"offset", "0 0 0"}, {"fill_value", "0"}},
-                        "Cutout size units not supported"},
-        CutOutErrorCase{"UnknownOffsetUnit",
-                        {{"size", "1 1 1"}, {"offset_units", "9"}, {"offset", "0 0 0"}, {"fill_value", "0"}},
-                        "Cutout offset units not supported"}),
     [](auto const& info) { return info.param.name; });
 
 // ---- PolyCrop --------------------------------------------------------------------------------------
@@ -372,7 +212,7 @@ TEST_P(PolyCropHalfSpaces, KeepThePixelsInFrontOfEveryPlane)
     PolyCase const& c = GetParam();
     PolyCropOperation polyCrop(c.points);
     Eigen::Vector3i const dims(8, 6, 5);
-    auto const input = setOf({dims}, 3);
+    auto const input = mriSet({dims}, 3);
     auto const output = polyCrop.process(input);
     ASSERT_NE(output, input);
     SharedImage const& in = *input->get(0);
@@ -390,7 +230,7 @@ TEST_P(PolyCropHalfSpaces, KeepThePixelsInFrontOfEveryPlane)
                 keep = false;
         kept += keep ? 1 : 0;
         for (int ch = 0; ch < 3; ++ch)
-            ASSERT_EQ(valueAt(out, p, ch), keep ? valueAt(in, p, ch) : 0.0F) << p.transpose();
+            ASSERT_EQ(valueAt(out, p, ch), keep ? valueAt(in, p, ch) : 0.0) << p.transpose();
     });
     EXPECT_GT(kept, 0);
 }
@@ -406,9 +246,147 @@ INSTANTIATE_TEST_SUITE_P(PolyCrop, PolyCropHalfSpaces,
 
 TEST(PolyCrop, HighQuarterOfXBlanksTheLastTwoColumnsOfEight)
 {
-    auto const output = PolyCropOperation({{0.5, 0.0, 0.0}}).process(setOf({{8, 2, 1}}));
+    auto const output = PolyCropOperation({{0.5, 0.0, 0.0}}).process(mriSet({{8, 2, 1}}));
     for (int x = 0; x < 8; ++x)
-        EXPECT_EQ(valueAt(*output->get(0), {x, 1, 0}) == 0.0F, x >= 6) << x;
+        EXPECT_EQ(valueAt(*output->get(0), {x, 1, 0}) == 0.0, x >= 6) << x;
+}
+
+// ---- CropAroundLabelMap ----------------------------------------------------------------------------
+
+Eigen::Vector3i const kLabelDims(16, 12, 8);
+
+// Label 2 fills the box x 3..5, y 4..6, z 2..3; label 5 is the single pixel (9, 8, 5).
+int labelAt(int x, int y, int z, int = 0)
+{
+    if (x >= 3 && x <= 5 && y >= 4 && y <= 6 && z >= 2 && z <= 3)
+        return 2;
+    if (x == 9 && y == 8 && z == 5)
+        return 5;
+    return 0;
+}
+
+// Image values name their pixel, so that a cropped pixel shows where it came from.
+int imageAt(int x, int y, int z, int = 0)
+{
+    return (z * kLabelDims.y() + y) * kLabelDims.x() + x;
+}
+
+// An image of `imageDims` and the label map, in the given order.
+DataItem imageAndLabels(bool labelFirst = false, Eigen::Vector3i const& imageDims = kLabelDims)
+{
+    auto labels = std::make_shared<SharedImageSet>(obliqueFrame<unsigned char>(kLabelDims, 1, labelAt));
+    labels->setModality(Data::Modality::Label);
+    DataItem item;
+    if (labelFirst)
+        item.set("label", labels);
+    item.set("image", std::make_shared<SharedImageSet>(obliqueFrame<float>(imageDims, 1, imageAt)));
+    if (!labelFirst)
+        item.set("label", labels);
+    return item;
+}
+
+SharedImage const& frameOf(DataItem const& item, std::string const& field)
+{
+    return *item.get<ImageElement>(field)->sis()->get(0);
+}
+
+struct BoxCase
+{
+    std::string name;
+    std::vector<int> labelValues;
+    int margin;
+    bool reorder;
+    bool labelFirst;
+    Eigen::Vector3i offset;
+    Eigen::Vector3i size;
+};
+
+void PrintTo(BoxCase const& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class CropAroundLabelMapBoxes : public ::testing::TestWithParam<BoxCase>
+{};
+
+TEST_P(CropAroundLabelMapBoxes, CropImageAndLabelToTheSameBoxInPlace)
+{
+    BoxCase const& c = GetParam();
+    DataItem item = imageAndLabels(c.labelFirst);
+    CropAroundLabelMapOperation(c.labelValues, c.margin, c.reorder).process(item);
+
+    for (char const* field : {"image", "label"}) {
+        SharedImage const& frame = frameOf(item, field);
+        ASSERT_EQ(frame.dimensions(), c.size) << field;
+        EXPECT_EQ(frame.spacing(), kObliqueSpacing) << field;
+        for (Eigen::Vector3i const& q : {Eigen::Vector3i(0, 0, 0), (c.size - Eigen::Vector3i::Ones()).eval(),
+                                         Eigen::Vector3i(c.size.x() - 1, 0, c.size.z() / 2)}) {
+            Eigen::Vector3i const p = q + c.offset;
+            // Same world point as the original pixel ...
+            Eigen::Vector3d const world =
+                conventionWorld(obliqueMatrix(), kLabelDims, kObliqueSpacing, p.cast<double>());
+            EXPECT_LT((frame.pixelToWorld(q.cast<double>()) - world).norm(), 1e-9) << field << q.transpose();
+            // ... and the same value: each element kept its own content.
+            double const expected =
+                std::string(field) == "image" ? imageAt(p.x(), p.y(), p.z()) : labelAt(p.x(), p.y(), p.z());
+            EXPECT_EQ(valueAt(frame, q), expected) << field << " " << q.transpose();
+        }
+    }
+    EXPECT_EQ(item.get<ImageElement>("label")->sis()->modality(), Data::Modality::Label);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Boxes, CropAroundLabelMapBoxes,
+    ::testing::Values(
+        // Every non-zero label: x 3..9, y 4..8, z 2..5.
+        BoxCase{"AllLabels", {}, 0, false, false, {3, 4, 2}, {7, 5, 4}},
+        BoxCase{"OnlyTwo", {2}, 0, false, false, {3, 4, 2}, {3, 3, 2}},
+        // The single pixel of 5 with a margin of 1.
+        BoxCase{"OnlyFive", {5}, 1, false, true, {8, 7, 4}, {3, 3, 3}},
+        // Margin 2 on the box of 2: x 1..7, y 2..8, z 0..5.
+        BoxCase{"Margin", {2}, 2, false, false, {1, 2, 0}, {7, 7, 6}},
+        // Clipped at the image: z 5 - 3 .. 5 + 3 = 2..7 fits (8 slices), x 6..12, y 5..11.
+        BoxCase{"MarginClipped", {5}, 3, false, false, {6, 5, 2}, {7, 7, 6}},
+        BoxCase{"ReorderLabelSecond", {}, 1, true, false, {2, 3, 1}, {9, 7, 6}},
+        BoxCase{"ReorderLabelFirst", {2}, 0, true, true, {3, 4, 2}, {3, 3, 2}}),
+    [](auto const& info) { return info.param.name; });
+
+TEST(CropAroundLabelMap, FrameWithoutTheLabelStaysWhole)
+{
+    DataItem item = imageAndLabels();
+    CropAroundLabelMapOperation({7}, 0, false).process(item);
+    EXPECT_EQ(frameOf(item, "image").dimensions(), kLabelDims);
+    EXPECT_EQ(frameOf(item, "label").dimensions(), kLabelDims);
+}
+
+TEST(CropAroundLabelMap, FailuresNameTheirCauseAndChangeNothing)
+{
+    struct Failure
+    {
+        char const* name;
+        Eigen::Vector3i imageDims;
+        std::vector<int> labelValues;
+        int margin;
+        char const* message;
+    };
+    for (Failure const& c :
+         {Failure{"SizeMismatch", {16, 12, 7}, {}, 0, "Image size must match label size"},
+          Failure{"NegativeMargin", kLabelDims, {}, -1, "CropLabelMapAlgorithm failed"},
+          Failure{"SinglePixelBox",
+                  kLabelDims,
+                  {5},
+                  0,
+                  "The box around the labels is a single pixel, which an image element cannot hold; give a "
+                  "margin"}}) {
+        SCOPED_TRACE(c.name);
+        DataItem item = imageAndLabels(false, c.imageDims);
+        Log::Capture capture; // the host's own error line for a bad margin stays off the console
+        CropAroundLabelMapOperation operation(c.labelValues, c.margin, false);
+        MLTest::expectThrowWithMessage<OperationException>(
+            [&] { operation.process(item); }, std::string("[ML.CropAroundLabelMap] ") + c.message);
+        EXPECT_EQ(frameOf(item, "image").dimensions(), c.imageDims);
+        EXPECT_EQ(frameOf(item, "label").dimensions(), kLabelDims);
+    }
 }
 
 } // namespace

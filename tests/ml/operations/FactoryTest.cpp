@@ -1,9 +1,14 @@
-// Factory<Base, Args...> and the operation factories: registration rules, lookups of unknown
-// names, the builder of plain operations and Operation::createFromFactories.
+// Factory<Base, Args...> and the operation factories (registration rules, lookups of unknown
+// names, the builder of plain operations and Operation::createFromFactories), and Registry<T>
+// (named, owned items with logged failures) with the process-wide registries of item functions
+// and predicates.
 
 #include "ml/operations/Factory.h"
 
+#include "ml/data/DataItem.h"
 #include "ml/operations/OperationFactory.h"
+#include "ml/operations/Registry.h"
+#include "ml/operations/Singleton.h"
 
 #include "host/core/Log.h"
 #include "host/core/Properties.h"
@@ -13,6 +18,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 namespace Velmoria::ML {
@@ -76,41 +82,33 @@ std::unique_ptr<Shape> makeCircle(int size)
 // ---------------------------------------------------------------------------------------------
 // Factory
 
-TEST(Factory, CreatesRegisteredTypesWithArguments)
+TEST(Factory, CreatesRegisteredTypesWithArgumentsAndLogsUnknownNames)
 {
     ShapeFactory factory;
+    Log::Capture capture;
     factory.registerType<Shape>("Square", makeSquare);
+    EXPECT_TRUE(capture.messages().empty()) << "registrations are quiet unless verbose";
+    factory.setVerbose(true);
     factory.registerType<Shape>("Circle", makeCircle);
+    EXPECT_TRUE(capture.contains("Registering type: Circle", "ML.Factory"));
 
     auto square = factory.create("Square", 3);
     ASSERT_NE(square, nullptr);
     EXPECT_EQ(square->kind, "Square");
     EXPECT_EQ(square->size, 3);
     EXPECT_EQ(factory.create("Circle", 5)->kind, "Circle");
-
-    EXPECT_TRUE(factory.hasType("Circle"));
     EXPECT_FALSE(factory.hasType("circle"));
     EXPECT_EQ(factory.availableTypes(), (std::vector<std::string>{"Circle", "Square"}));
-}
 
-TEST(Factory, ReferenceArgumentsReachTheBuilder)
-{
-    Factory<Shape, Properties const&> factory;
-    factory.registerType<Shape>("Square", [](Properties const& p) {
-        return std::make_unique<Shape>("Square", p.paramOr("size", 0));
-    });
-    Properties properties{{"size", 7}};
-    EXPECT_EQ(factory.create("Square", properties)->size, 7);
-}
-
-TEST(Factory, UnknownNameLogsAndGivesNull)
-{
-    ShapeFactory factory;
-    factory.registerType<Shape>("Square", makeSquare);
-    Log::Capture capture;
     EXPECT_EQ(factory.create("Triangle", 1), nullptr);
     EXPECT_TRUE(capture.contains("Triangle is not a registered type.", "ML.Factory"));
-    EXPECT_EQ(capture.records().at(0).level, Log::Error);
+    EXPECT_EQ(capture.records().back().level, Log::Error);
+
+    Factory<Shape, Properties const&> byReference;
+    byReference.registerType<Shape>("Square", [](Properties const& p) {
+        return std::make_unique<Shape>("Square", p.paramOr("size", 0));
+    });
+    EXPECT_EQ(byReference.create("Square", Properties{{"size", 7}})->size, 7);
 }
 
 TEST(Factory, BuilderResultIsPassedOnAsIs)
@@ -126,19 +124,6 @@ TEST(Factory, BuilderResultIsPassedOnAsIs)
     EXPECT_TRUE(capture.messages().empty());
     EXPECT_THROW(factory.create("Empty", 1), std::bad_function_call);
     EXPECT_THROW(factory.create("Throws", 1), std::invalid_argument);
-}
-
-TEST(Factory, VerboseLogsRegistrations)
-{
-    ShapeFactory factory;
-    Log::Capture capture;
-    factory.registerType<Shape>("Quiet", makeSquare);
-    EXPECT_TRUE(capture.messages().empty());
-
-    factory.setVerbose(true);
-    EXPECT_TRUE(factory.verbose());
-    factory.registerType<Shape>("Loud", makeSquare);
-    EXPECT_TRUE(capture.contains("Registering type: Loud", "ML.Factory"));
 }
 
 struct ReplacementCase
@@ -201,35 +186,20 @@ TEST_F(OperationFactories, SubFactoryIsCreatedOnceAndShared)
 {
     auto const before = operationFactoryRegistry().availableItems().size();
     OperationFactory& first = subFactory("FactoryTest.X");
-    EXPECT_EQ(operationFactoryRegistry().availableItems().size(), before + 1);
-    OperationFactory& second = subFactory("FactoryTest.X");
-    EXPECT_EQ(&first, &second);
+    EXPECT_EQ(&subFactory("FactoryTest.X"), &first);
     EXPECT_EQ(operationFactoryRegistry().availableItems().size(), before + 1);
     EXPECT_EQ(&operationFactoryRegistry().getItem("FactoryTest.X"), &first);
+    EXPECT_EQ(&getCppOperationFactory(), &getSubOperationFactory(CppOperationFactoryName));
 }
 
-TEST_F(OperationFactories, CppFactoryIsTheOneNamedSo)
+TEST_F(OperationFactories, MakeUniqueOperationConfiguresOnlyWithPropertiesAndNamesTheTypeOnFailure)
 {
-    OperationFactory& cpp = getCppOperationFactory();
-    EXPECT_EQ(&cpp, &getSubOperationFactory("CppOperationFactory"));
-    EXPECT_TRUE(operationFactoryRegistry().hasItem(CppOperationFactoryName));
-}
-
-TEST_F(OperationFactories, MakeUniqueOperationConfiguresOnlyWithProperties)
-{
-    auto plain = makeUniqueOperation<ProbeOperation>(std::nullopt);
-    ASSERT_NE(plain, nullptr);
-    EXPECT_EQ(plain->configureCalls, 0);
-
-    Properties properties{{"size", 3}};
-    auto configured = makeUniqueOperation<ProbeOperation>(properties);
+    EXPECT_EQ(makeUniqueOperation<ProbeOperation>(std::nullopt)->configureCalls, 0);
+    auto configured = makeUniqueOperation<ProbeOperation>(Properties{{"size", 3}});
     ASSERT_NE(configured, nullptr);
     EXPECT_EQ(configured->configureCalls, 1);
     EXPECT_EQ(configured->lastConfiguration.paramOr("size", 0), 3);
-}
 
-TEST_F(OperationFactories, FailedConfigurationGivesNullAndNamesTheType)
-{
     Log::Capture capture;
     EXPECT_EQ(makeUniqueOperation<ProbeOperation>(Properties{{"fail", true}}), nullptr);
     EXPECT_TRUE(capture.contains("Failed to configure operation with the given properties.",
@@ -292,6 +262,94 @@ TEST_F(OperationFactories, CreateFromFactoriesReportsUnknownAndFailedOperations)
     EXPECT_EQ(Operation::createFromFactories({"FactoryTestProbe", Properties{{"fail", 1}}, Phase::Always}),
               nullptr);
     EXPECT_TRUE(capture.contains("Failed to configure operation with the given properties."));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Registry
+
+struct Counter
+{
+    explicit Counter(int start)
+        : value(start)
+    {}
+    int value;
+};
+
+class RegistryTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_registry.registerItem("one", std::make_unique<Counter>(1)));
+        ASSERT_TRUE(m_registry.registerItem("two", std::make_unique<Counter>(2)));
+    }
+
+    Registry<Counter> m_registry;
+    Registry<Counter> const& m_constRegistry = m_registry;
+    Log::Capture m_capture;
+};
+
+TEST_F(RegistryTest, FindsAndListsItemsInRegistrationOrderWithStablePointers)
+{
+    EXPECT_TRUE(m_registry.hasItem("one"));
+    EXPECT_FALSE(m_registry.hasItem("three"));
+    m_registry.getItem("one").value = 10;
+    EXPECT_EQ(m_constRegistry.getItem("one").value, 10);
+
+    Counter* two = &m_registry.getItem("two");
+    ASSERT_TRUE(m_registry.unregisterItem("one"));
+    for (int i = 0; i < 20; ++i)
+        ASSERT_TRUE(m_registry.registerItem("extra" + std::to_string(i), std::make_unique<Counter>(i)));
+    EXPECT_EQ(two, &m_registry.getItem("two"));
+    auto const items = m_registry.getAllItems();
+    ASSERT_EQ(items.size(), 21U);
+    EXPECT_EQ(items[0].first, "two");
+    EXPECT_EQ(items[0].second, two);
+    EXPECT_EQ(items[20].second->value, 19);
+    EXPECT_EQ(m_registry.availableItems()[1], "extra0");
+    EXPECT_TRUE(m_capture.messages().empty());
+}
+
+TEST_F(RegistryTest, RefusesDuplicatesNullItemsAndUnknownNamesWithAnError)
+{
+    EXPECT_FALSE(m_registry.registerItem("one", std::make_unique<Counter>(100)));
+    EXPECT_TRUE(m_capture.contains("Item 'one' already registered", "ML.Registry"));
+    EXPECT_EQ(m_registry.getItem("one").value, 1);
+    EXPECT_FALSE(m_registry.registerItem("null", nullptr));
+    EXPECT_FALSE(m_registry.hasItem("null"));
+    EXPECT_TRUE(m_capture.contains("Item 'null' is null and was not registered", "ML.Registry"));
+    EXPECT_FALSE(m_registry.unregisterItem("three"));
+    EXPECT_TRUE(m_capture.contains("Item 'three' not registered", "ML.Registry"));
+
+    EXPECT_THROW(m_registry.getItem("missing"), std::out_of_range);
+    EXPECT_THROW(m_constRegistry.getItem("missing"), std::out_of_range);
+    EXPECT_EQ(m_capture.count("missing is not a registered item.", "ML.Registry"), 2);
+}
+
+TEST_F(RegistryTest, UnregisteringAllFreesTheNames)
+{
+    m_registry.unregisterAllItems();
+    EXPECT_TRUE(m_registry.availableItems().empty());
+    EXPECT_TRUE(m_registry.getAllItems().empty());
+    EXPECT_TRUE(m_registry.registerItem("two", std::make_unique<Counter>(22)));
+    EXPECT_EQ(m_registry.getItem("two").value, 22);
+}
+
+TEST(ItemFunctionRegistries, AreProcessWideAndCallable)
+{
+    EXPECT_EQ(&itemFunctionRegistry(), &Singleton<ItemFunctionRegistry>::instance());
+    int calls = 0;
+    ASSERT_TRUE(itemFunctionRegistry().registerItem(
+        "RegistryTest.count", std::make_unique<ItemFunction>([&calls](DataItem&) { ++calls; })));
+    ASSERT_TRUE(itemPredicateRegistry().registerItem(
+        "RegistryTest.empty",
+        std::make_unique<ItemPredicate>([](DataItem const& item) { return item.empty(); })));
+    DataItem item;
+    itemFunctionRegistry().getItem("RegistryTest.count")(item);
+    EXPECT_EQ(calls, 1);
+    EXPECT_TRUE(itemPredicateRegistry().getItem("RegistryTest.empty")(item));
+    EXPECT_TRUE(itemFunctionRegistry().unregisterItem("RegistryTest.count"));
+    EXPECT_TRUE(itemPredicateRegistry().unregisterItem("RegistryTest.empty"));
 }
 
 } // namespace

@@ -1,43 +1,29 @@
 // Intensity operations against plain reference loops on every pixel type (stored with a shift
-// and scale, compared in original intensities), plus their messages, keys and edge cases.
+// and scale, compared in original intensities), plus their keys and edge cases. Their messages
+// are in CatalogueTest.
 
 #include "ml/operations/catalogue/IntensityOperations.h"
 
 #include "ml/TestHelpers.h"
 #include "ml/data/DataItem.h"
-#include "ml/data/ImageElement.h"
 #include "ml/data/VectorElement.h"
-#include "ml/operations/OperationException.h"
-#include "ml/operations/PixelOperationTestHelpers.h"
-#include "ml/plugin/Registrations.h"
+#include "ml/operations/CatalogueTestHelpers.h"
 
-#include "host/core/Log.h"
 #include "host/image/DisplayOptions.h"
-#include "host/image/TypedImage.h"
 
 #include <gtest/gtest.h>
 
-#include <Eigen/Geometry>
 #include <algorithm>
 #include <cmath>
 #include <functional>
 #include <limits>
-#include <random>
 #include <string>
 
 using namespace Velmoria;
 using namespace Velmoria::ML;
-using namespace Velmoria::ML::PixelOperationTests;
+using namespace Velmoria::ML::CatalogueTests;
 
 namespace {
-
-template <class T>
-std::shared_ptr<SharedImage> frameOf(Eigen::Vector3i const& size, int channels,
-                                     std::vector<double> const& stored, double shift = 0.0,
-                                     double scale = 1.0)
-{
-    return MLTest::placedFrame<T>(size, channels, stored, shift, scale);
-}
 
 // What a target of type T stores for the original value r: (r + shift) * scale, saturated and
 // truncated for integers.
@@ -101,9 +87,9 @@ TYPED_TEST(IntensityOperationsTest, InPlaceOperationsMatchAReferenceLoop)
         SCOPED_TRACE(c.name);
         auto const stored0 = randomStored<TypeParam>(count, 5);
         auto const stored1 = randomStored<TypeParam>(count, 6);
-        auto set =
-            std::make_shared<SharedImageSet>(frameOf<TypeParam>(size, channels, stored0, kShift, kScale));
-        set->add(frameOf<TypeParam>(size, channels, stored1, kShift, kScale));
+        auto set = std::make_shared<SharedImageSet>(
+            MLTest::placedFrame<TypeParam>(size, channels, stored0, kShift, kScale));
+        set->add(MLTest::placedFrame<TypeParam>(size, channels, stored1, kShift, kScale));
         auto const matrix = set->get(1)->matrixToWorld();
         set = c.make()->process(set);
         ASSERT_EQ(set->size(), 2);
@@ -113,11 +99,10 @@ TYPED_TEST(IntensityOperationsTest, InPlaceOperationsMatchAReferenceLoop)
             EXPECT_EQ(out.descriptor().shift, kShift);
             EXPECT_EQ(out.descriptor().scale, kScale);
             EXPECT_TRUE(out.matrixToWorld().isApprox(matrix));
-            auto const& stored = f == 0 ? stored0 : stored1;
+            auto const x = originalsOf<TypeParam>(f == 0 ? stored0 : stored1);
             for (std::size_t i = 0; i < count; ++i) {
-                double const x = static_cast<double>(static_cast<TypeParam>(stored[i])) / kScale - kShift;
-                double const expected =
-                    expectedStored<TypeParam>(c.reference(x, static_cast<int>(i) % channels), kShift, kScale);
+                double const expected = expectedStored<TypeParam>(
+                    c.reference(x[i], static_cast<int>(i) % channels), kShift, kScale);
                 ASSERT_NEAR(storedAt(out, i), expected, std::abs(expected) * 1e-6)
                     << "frame " << f << " value " << i;
             }
@@ -129,7 +114,8 @@ TYPED_TEST(IntensityOperationsTest, ThresholdToUbyteMakesByteFramesOfTheSameGeom
 {
     Eigen::Vector3i const size(3, 3, 2);
     auto const stored = randomStored<TypeParam>(static_cast<std::size_t>(size.prod()), 9);
-    auto set = std::make_shared<SharedImageSet>(frameOf<TypeParam>(size, 1, stored, kShift, kScale));
+    auto set =
+        std::make_shared<SharedImageSet>(MLTest::placedFrame<TypeParam>(size, 1, stored, kShift, kScale));
     auto const before = set->getShared(0);
     set = ThresholdOperation(4.0, true).process(set);
     SharedImage const& out = *set->get(0);
@@ -139,17 +125,17 @@ TYPED_TEST(IntensityOperationsTest, ThresholdToUbyteMakesByteFramesOfTheSameGeom
     EXPECT_EQ(out.spacing(), before->spacing());
     EXPECT_TRUE(
         out.pixelToWorld(Eigen::Vector3d(2, 1, 1)).isApprox(before->pixelToWorld(Eigen::Vector3d(2, 1, 1))));
-    for (std::size_t i = 0; i < stored.size(); ++i) {
-        double const x = static_cast<double>(static_cast<TypeParam>(stored[i])) / kScale - kShift;
-        ASSERT_EQ(storedAt(out, i), x > 4.0 ? 1.0 : 0.0) << i;
-    }
+    auto const x = originalsOf<TypeParam>(stored);
+    for (std::size_t i = 0; i < stored.size(); ++i)
+        ASSERT_EQ(storedAt(out, i), x[i] > 4.0 ? 1.0 : 0.0) << i;
 }
 
 TYPED_TEST(IntensityOperationsTest, MakeFloatGivesOriginalIntensitiesAndKeepsTheInput)
 {
     Eigen::Vector3i const size(3, 2, 2);
     auto const stored = randomStored<TypeParam>(static_cast<std::size_t>(size.prod() * 3), 3);
-    auto const input = std::make_shared<SharedImageSet>(frameOf<TypeParam>(size, 3, stored, kShift, kScale));
+    auto const input =
+        std::make_shared<SharedImageSet>(MLTest::placedFrame<TypeParam>(size, 3, stored, kShift, kScale));
     MakeFloatOperation makeFloat;
     EXPECT_TRUE(makeFloat.doesNotModifyInput());
     auto const result = makeFloat.process(input);
@@ -159,11 +145,9 @@ TYPED_TEST(IntensityOperationsTest, MakeFloatGivesOriginalIntensitiesAndKeepsThe
         EXPECT_EQ(result->get(0), input->get(0)) << "a float input is returned as it is";
     else
         EXPECT_EQ(input->get(0)->pixelType(), Utils::pixelTypeId<TypeParam>()) << "the input is unchanged";
-    for (std::size_t i = 0; i < stored.size(); ++i) {
-        double const x = static_cast<double>(static_cast<TypeParam>(stored[i])) / kScale - kShift;
-        double const actual = result->get(0)->descriptor().storageToOriginal(storedAt(*result->get(0), i));
-        ASSERT_FLOAT_EQ(static_cast<float>(actual), static_cast<float>(x)) << i;
-    }
+    auto const x = originalsOf<TypeParam>(stored);
+    for (std::size_t i = 0; i < stored.size(); ++i)
+        ASSERT_FLOAT_EQ(static_cast<float>(originalAt(*result->get(0), i)), static_cast<float>(x[i])) << i;
 }
 
 TYPED_TEST(IntensityOperationsTest, NormalizeNormalUsesTheStatisticsOfTheWholeSet)
@@ -172,12 +156,12 @@ TYPED_TEST(IntensityOperationsTest, NormalizeNormalUsesTheStatisticsOfTheWholeSe
     auto const count = static_cast<std::size_t>(size.prod() * 2);
     auto const stored0 = randomStored<TypeParam>(count, 21);
     auto const stored1 = randomStored<TypeParam>(count, 22);
-    auto set = std::make_shared<SharedImageSet>(frameOf<TypeParam>(size, 2, stored0, kShift, kScale));
-    set->add(frameOf<TypeParam>(size, 2, stored1, kShift, kScale));
-    std::vector<double> originals;
-    for (auto const* stored : {&stored0, &stored1})
-        for (double v : *stored)
-            originals.push_back(static_cast<double>(static_cast<TypeParam>(v)) / kScale - kShift);
+    auto set =
+        std::make_shared<SharedImageSet>(MLTest::placedFrame<TypeParam>(size, 2, stored0, kShift, kScale));
+    set->add(MLTest::placedFrame<TypeParam>(size, 2, stored1, kShift, kScale));
+    std::vector<double> originals = originalsOf<TypeParam>(stored0);
+    for (double v : originalsOf<TypeParam>(stored1))
+        originals.push_back(v);
     double mean[2] = {0, 0}, var[2] = {0, 0};
     for (std::size_t i = 0; i < originals.size(); ++i)
         mean[i % 2] += originals[i] / (originals.size() / 2);
@@ -192,8 +176,7 @@ TYPED_TEST(IntensityOperationsTest, NormalizeNormalUsesTheStatisticsOfTheWholeSe
     ASSERT_EQ(set->get(0)->pixelType(), PixelType::Float);
     for (std::size_t i = 0; i < originals.size(); ++i) {
         double const expected = (originals[i] - mean[i % 2]) / std::sqrt(var[i % 2]);
-        SharedImage const& out = *set->get(static_cast<int>(i / count));
-        ASSERT_NEAR(out.descriptor().storageToOriginal(storedAt(out, i % count)), expected, 1e-4) << i;
+        ASSERT_NEAR(originalAt(*set->get(static_cast<int>(i / count)), i % count), expected, 1e-4) << i;
     }
 }
 
@@ -201,14 +184,16 @@ TEST(NormalizeNormal, ConstantChannelGivesZeroAndBackgroundIsKept)
 {
     // Channel 0 constant; channel 1 holds background (0) and 2, 4, 6.
     std::vector<double> const stored = {5, 0, 5, 2, 5, 4, 5, 6};
-    auto set = std::make_shared<SharedImageSet>(frameOf<float>(Eigen::Vector3i(4, 1, 1), 2, stored));
+    auto set =
+        std::make_shared<SharedImageSet>(MLTest::placedFrame<float>(Eigen::Vector3i(4, 1, 1), 2, stored));
     set = NormalizeNormalOperation(true, 0.0F).process(set);
     double const s = std::sqrt(8.0 / 3.0);
     std::vector<double> const expected = {0, 0, 0, -2 / s, 0, 0, 0, 2 / s};
     for (std::size_t i = 0; i < expected.size(); ++i)
         EXPECT_NEAR(storedAt(*set->get(0), i), expected[i], 1e-5) << i;
 
-    auto constant = std::make_shared<SharedImageSet>(frameOf<float>(Eigen::Vector3i(3, 1, 1), 1, {7, 7, 7}));
+    auto constant =
+        std::make_shared<SharedImageSet>(MLTest::placedFrame<float>(Eigen::Vector3i(3, 1, 1), 1, {7, 7, 7}));
     constant = NormalizeNormalOperation().process(constant);
     for (std::size_t i = 0; i < 3; ++i)
         EXPECT_EQ(storedAt(*constant->get(0), i), 0.0) << "no division by zero";
@@ -217,7 +202,8 @@ TEST(NormalizeNormal, ConstantChannelGivesZeroAndBackgroundIsKept)
 TEST(Invert, NegatesTheDisplayLevelAndTwiceRestoresEverything)
 {
     std::vector<double> const stored = {-3, 0, 2.5, 9};
-    auto set = std::make_shared<SharedImageSet>(frameOf<float>(Eigen::Vector3i(4, 1, 1), 1, stored));
+    auto set =
+        std::make_shared<SharedImageSet>(MLTest::placedFrame<float>(Eigen::Vector3i(4, 1, 1), 1, stored));
     set->components().getOrCreate<DisplayOptions2d>()->p_level.setValue(40.0);
     set->components().getOrCreate<DisplayOptions3d>()->p_level.setValue(-7.0);
     set = InvertOperation().process(set);
@@ -241,25 +227,21 @@ TEST(Threshold, ValueItselfGivesZeroAndTheOldKeyStillWorks)
     EXPECT_EQ(threshold.p_value.value(), 2.0);
     EXPECT_TRUE(capture.contains("Using deprecated parameter 'threshold'. Please use: 'value' instead.",
                                  "ML.Threshold"));
-    auto set = std::make_shared<SharedImageSet>(frameOf<float>(Eigen::Vector3i(3, 1, 1), 1, {1.5, 2.0, 2.5}));
+    auto set = std::make_shared<SharedImageSet>(
+        MLTest::placedFrame<float>(Eigen::Vector3i(3, 1, 1), 1, {1.5, 2.0, 2.5}));
     set = threshold.process(set);
     EXPECT_EQ(storedAt(*set->get(0), 0), 0.0);
     EXPECT_EQ(storedAt(*set->get(0), 1), 0.0);
     EXPECT_EQ(storedAt(*set->get(0), 2), 1.0);
 }
 
-TEST(LinearIntensityMapping, DoesNotModifyInputOnlyAsIdentity)
-{
-    EXPECT_TRUE(LinearIntensityMappingOperation().doesNotModifyInput());
-    EXPECT_FALSE(LinearIntensityMappingOperation(2.0, 0.0).doesNotModifyInput());
-    EXPECT_FALSE(LinearIntensityMappingOperation(1.0, -1.0).doesNotModifyInput());
-}
-
 TEST(SigmoidAndTanh, MatchTheirFormulasAndSetTheWindow)
 {
     std::vector<double> const stored = {-2, -0.5, 0, 0.25, 3};
-    auto sigmoid = std::make_shared<SharedImageSet>(frameOf<float>(Eigen::Vector3i(5, 1, 1), 1, stored));
-    auto tanh = std::make_shared<SharedImageSet>(frameOf<float>(Eigen::Vector3i(5, 1, 1), 1, stored));
+    auto sigmoid =
+        std::make_shared<SharedImageSet>(MLTest::placedFrame<float>(Eigen::Vector3i(5, 1, 1), 1, stored));
+    auto tanh =
+        std::make_shared<SharedImageSet>(MLTest::placedFrame<float>(Eigen::Vector3i(5, 1, 1), 1, stored));
     sigmoid = SigmoidOperation(1.5F).process(sigmoid);
     tanh = TanhOperation(0.7F).process(tanh);
     for (std::size_t i = 0; i < stored.size(); ++i) {
@@ -271,71 +253,19 @@ TEST(SigmoidAndTanh, MatchTheirFormulasAndSetTheWindow)
     EXPECT_NEAR(tanh->components().get<DisplayOptions2d>()->greyValue(1.0), 1.0, 1e-12);
 }
 
-struct SizeCase
+TEST(IntensityOperations, TakeVectorElementsLikeImages)
 {
-    std::vector<double> shift;
-    std::vector<double> scale;
-    int channels;
-    std::string message;
-};
-
-class AdjustShiftScaleSizes : public ::testing::TestWithParam<SizeCase>
-{};
-
-TEST_P(AdjustShiftScaleSizes, AreCheckedWhenProcessing)
-{
-    SizeCase const& c = GetParam();
-    auto const stored = std::vector<double>(static_cast<std::size_t>(2 * c.channels), 1.0);
-    auto set = std::make_shared<SharedImageSet>(frameOf<float>(Eigen::Vector3i(2, 1, 1), c.channels, stored));
-    AdjustShiftScaleOperation operation(c.shift, c.scale);
-    EXPECT_EQ(errorOf(operation, set), "[ML.AdjustShiftScale] " + c.message);
-    EXPECT_EQ(storedAt(*set->get(0), 0), 1.0) << "nothing was written";
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Messages, AdjustShiftScaleSizes,
-    ::testing::Values(
-        SizeCase{{1, 2}, {1}, 2, "the size of 'shift' and 'scale' must be equal"},
-        SizeCase{{}, {}, 1, "the size of 'shift' and 'scale' must be between 1 and 4"},
-        SizeCase{
-            {1, 2, 3, 4, 5}, {1, 1, 1, 1, 1}, 5, "the size of 'shift' and 'scale' must be between 1 and 4"},
-        SizeCase{{1, 2, 3}, {1, 1, 1}, 1, "the size of 'shift' must be 1 or match the image channels"}));
-
-TEST(IntensityOperations, AreCreatedByNameWithTheirKeysAndLeaveLabelsAlone)
-{
-    registerOperations();
-    Properties properties;
-    properties.setParam("adjust_shift", std::vector<double>{1.0, 2.0});
-    properties.setParam("adjust_scale", std::vector<double>{4.0, 8.0});
-    auto const adjust = Operation::createFromFactories({"AdjustShiftScale", properties, Phase::Always});
-    ASSERT_NE(adjust, nullptr);
-    EXPECT_EQ(dynamic_cast<AdjustShiftScaleOperation&>(*adjust).p_scale.value(),
-              (std::vector<double>{4.0, 8.0}));
-    for (char const* name : {"Clip", "LinearIntensityMapping", "Invert", "Threshold", "MakeFloat",
-                             "NormalizeNormal", "AdjustShiftScale", "Sigmoid", "Tanh"}) {
-        auto const operation = Operation::createFromFactories({name, Properties(), Phase::Always});
-        ASSERT_NE(operation, nullptr) << name;
-        EXPECT_EQ(operation->processingPolicy(), Operation::ProcessingPolicy::EverythingButLabels) << name;
-    }
-
+    // A vector element (one pixel per frame) is processed like an image, channel by channel.
     DataItem item;
-    item.set("image", std::make_shared<SharedImageSet>(frameOf<float>(Eigen::Vector3i(2, 1, 1), 1, {3, -3})));
-    item.set("label", std::make_shared<SharedImageSet>(frameOf<float>(Eigen::Vector3i(2, 1, 1), 1, {3, -3})));
-    item.get("label")->tagAsTarget();
-    ClipOperation(0.0F, 1.0F).process(item);
-    EXPECT_EQ(storedAt(*dynamic_cast<ImageElement*>(item.get("image"))->sis()->get(0), 0), 1.0);
-    EXPECT_EQ(storedAt(*dynamic_cast<ImageElement*>(item.get("label"))->sis()->get(0), 0), 3.0);
-
-    // A vector element (one pixel per frame) is processed like an image.
-    item.set("scores",
-             std::make_shared<SharedImageSet>(frameOf<float>(Eigen::Vector3i(1, 1, 1), 3, {-2, 0.5, 4})));
-    auto* vectors = dynamic_cast<VectorElement*>(item.get("scores"));
-    ASSERT_NE(vectors, nullptr);
-    AdjustShiftScaleOperation perChannel(std::vector{1.0, 2.0, 3.0}, std::vector{2.0, 5.0, 7.0});
-    perChannel.setApplyTo(Operation::FieldSet{"scores"}); // the one-channel image would not fit
-    perChannel.process(item);
-    SharedImage const& scores = *dynamic_cast<VectorElement*>(item.get("scores"))->sis()->get(0);
+    item.set("scores", std::make_shared<SharedImageSet>(
+                           MLTest::placedFrame<float>(Eigen::Vector3i(1, 1, 1), 3, {-2, 0.5, 4})));
+    ASSERT_NE(dynamic_cast<VectorElement*>(item.get("scores")), nullptr);
+    AdjustShiftScaleOperation(std::vector{1.0, 2.0, 3.0}, std::vector{2.0, 5.0, 7.0}).process(item);
+    SharedImage const& scores = *item.get<VectorElement>("scores")->sis()->get(0);
     EXPECT_FLOAT_EQ(static_cast<float>(storedAt(scores, 0)), -0.5F);
     EXPECT_FLOAT_EQ(static_cast<float>(storedAt(scores, 1)), 0.5F);
     EXPECT_FLOAT_EQ(static_cast<float>(storedAt(scores, 2)), 1.0F);
+    // Only the identity mapping leaves its input as it is.
+    EXPECT_FALSE(LinearIntensityMappingOperation(2.0, 0.0).doesNotModifyInput());
+    EXPECT_FALSE(LinearIntensityMappingOperation(1.0, -1.0).doesNotModifyInput());
 }

@@ -11,7 +11,6 @@
 #include "ml/operations/OperationInversionBridge.h"
 #include "ml/operations/TestOperations.h"
 #include "ml/operations/catalogue/InverseOperation.h"
-#include "ml/plugin/Registrations.h"
 
 #include "host/core/Log.h"
 
@@ -105,20 +104,16 @@ protected:
     std::vector<float> m_original;
 };
 
-TEST_F(Inversion, WithoutIdentifierNothingIsRecorded)
+TEST_F(Inversion, RecordHoldsTheInverseSpecsOfEachProcessedElementOnlyWithAnIdentifier)
 {
     auto operation = addConstant(5);
     EXPECT_TRUE(operation->supportsInversion());
     operation->process(m_item);
-    for (char const* field : {"image", "other", "label"})
-        EXPECT_EQ(record(m_item, field), nullptr) << field;
+    EXPECT_EQ(record(m_item, "image"), nullptr);
     // The bridge itself refuses, and does not leave an empty component behind.
     EXPECT_FALSE(recordOperationForInversion(*operation, m_item.get("image")));
     EXPECT_EQ(record(m_item, "image"), nullptr);
-}
 
-TEST_F(Inversion, RecordHoldsTheInverseSpecsOfEachProcessedElement)
-{
     addConstant(5, "shift")->process(m_item);
     for (char const* field : {"image", "other"}) {
         auto const* component = record(m_item, field);
@@ -140,7 +135,12 @@ TEST_F(Inversion, InverseGivesTheInputBackAndRemovesTheRecord)
     ASSERT_NE(pixels(m_item, "image"), m_original);
 
     auto undo = inverse("shift");
+    int const level = Log::g_globalLevel;
+    Log::g_globalLevel = Log::Debug;
+    Log::Capture capture;
     undo->process(m_item);
+    Log::g_globalLevel = level;
+    EXPECT_EQ(capture.count("Popped inversion info for identifier 'shift' from element", "ML.Inverse"), 2);
     EXPECT_EQ(pixels(m_item, "image"), m_original);
     EXPECT_FALSE(record(m_item, "image")->hasInversion("shift"));
     EXPECT_FALSE(record(m_item, "other")->hasInversion("shift"));
@@ -151,36 +151,27 @@ TEST_F(Inversion, InverseGivesTheInputBackAndRemovesTheRecord)
     EXPECT_EQ(undo->inversionComponents().size(), 2U);
 }
 
-TEST_F(Inversion, TwoRunsOfOneIdentifierAreUndoneLastFirst)
+TEST_F(Inversion, TwoRunsOfOneIdentifierAreUndoneLastFirstAndOtherIdentifiersStay)
 {
     addConstant(5, "shift")->process(m_item);
     addConstant(100, "shift")->process(m_item);
+    addConstant(7, "other")->process(m_item);
     ASSERT_EQ(record(m_item, "image")->getAllInversionInfos("shift").size(), 2U);
 
     inverse("shift")->process(m_item);
     // The later run (+100) was undone; the earlier one is next.
     std::vector<float> expected = m_original;
     for (float& value : expected)
-        value += 5.0F;
+        value += 12.0F;
     EXPECT_EQ(pixels(m_item, "image"), expected);
     auto const* remaining = record(m_item, "image")->getInversionInfo("shift");
     ASSERT_NE(remaining, nullptr);
     EXPECT_EQ(remaining->config.paramOr("value", 0.0), -5.0);
 
     inverse("shift")->process(m_item);
-    EXPECT_EQ(pixels(m_item, "image"), m_original);
     EXPECT_FALSE(record(m_item, "image")->hasInversion("shift"));
-}
-
-TEST_F(Inversion, OtherIdentifiersAreLeftInPlace)
-{
-    addConstant(5, "first")->process(m_item);
-    addConstant(7, "second")->process(m_item);
-    inverse("first")->process(m_item);
-    auto const* component = record(m_item, "image");
-    EXPECT_FALSE(component->hasInversion("first"));
-    EXPECT_TRUE(component->hasInversion("second"));
-    inverse("second")->process(m_item);
+    EXPECT_TRUE(record(m_item, "image")->hasInversion("other"));
+    inverse("other")->process(m_item);
     EXPECT_EQ(pixels(m_item, "image"), m_original);
 }
 
@@ -200,18 +191,6 @@ TEST_F(Inversion, ApplyToOfTheInverseIsPassedOn)
     EXPECT_EQ(inner->computingDevice(), ComputingDevice::ForceCPU);
 }
 
-TEST_F(Inversion, PoppingIsLoggedAtDebugLevel)
-{
-    addConstant(5, "shift")->process(m_item);
-    int const level = Log::g_globalLevel;
-    Log::g_globalLevel = Log::Debug;
-    Log::Capture capture;
-    inverse("shift")->process(m_item);
-    Log::g_globalLevel = level;
-    EXPECT_EQ(capture.count("Popped inversion info for identifier 'shift' from element", "ML.Inverse"), 2);
-    EXPECT_FALSE(capture.containsFragment("Failed to pop"));
-}
-
 TEST_F(Inversion, SingleImageSetIsInvertedToo)
 {
     auto set = MLTest::makeSet(1);
@@ -226,89 +205,31 @@ TEST_F(Inversion, SingleImageSetIsInvertedToo)
     EXPECT_FALSE(restored->components().get<InversionComponent>()->hasInversion("id"));
 }
 
-TEST_F(Inversion, ItemWithoutRecordThrowsWithLogLineAndText)
+TEST_F(Inversion, MissingOrUnreachableRecordsFailAndUndoNothing)
 {
     addConstant(5, "shift")->process(m_item);
     Log::Capture capture;
     MLTest::expectThrowWithMessage<OperationException>(
         [&] { inverse("missing")->process(m_item); },
         "[ML.Inverse] Failed to find operation with record identifier 'missing' to invert");
-    EXPECT_TRUE(
-        capture.contains("No InversionComponent found with record identifier 'missing' in any processed "
-                         "elements",
-                         "ML.Inverse"));
-    // Nothing was undone.
-    EXPECT_TRUE(record(m_item, "image")->hasInversion("shift"));
-}
+    EXPECT_TRUE(capture.contains(
+        "No InversionComponent found with record identifier 'missing' in any processed elements",
+        "ML.Inverse"));
 
-TEST_F(Inversion, RecordOutsideTheSelectionIsNotFound)
-{
-    addConstant(5, "shift")->process(m_item);
-    auto undo = std::make_unique<InverseOperation>();
-    ASSERT_TRUE(undo->configure(
+    // A record outside the selection is not found.
+    InverseOperation labelOnly;
+    ASSERT_TRUE(labelOnly.configure(
         Properties{{"target_identifier", "shift"}, {"apply_to", std::vector<std::string>{"label"}}}));
-    Log::Capture capture;
-    EXPECT_FALSE(undo->setupInverseOperationByIdentifier(m_item, "shift"));
-    EXPECT_EQ(undo->operationToInvert(), nullptr);
-    EXPECT_THROW(undo->process(m_item), OperationException);
-}
+    EXPECT_FALSE(labelOnly.setupInverseOperationByIdentifier(m_item, "shift"));
+    EXPECT_EQ(labelOnly.operationToInvert(), nullptr);
+    EXPECT_THROW(labelOnly.process(m_item), OperationException);
+    EXPECT_TRUE(record(m_item, "image")->hasInversion("shift"));
 
-TEST_F(Inversion, RecordOfAnUnknownOperationThrows)
-{
-    auto set = m_item.get<ImageElement>("image")->sis();
-    set->components().getOrCreate<InversionComponent>()->recordInversion(
+    // A record of an operation that no factory knows.
+    m_item.get<ImageElement>("other")->sis()->components().getOrCreate<InversionComponent>()->recordInversion(
         "ghost", Operation::Specs{"NoSuchOperation", Properties(), Phase::Always});
-    Log::Capture capture;
     EXPECT_THROW(inverse("ghost")->process(m_item), OperationException);
     EXPECT_TRUE(capture.contains("NoSuchOperation is not a registered operation", "ML.Operation"));
-}
-
-// ---- Configuration ------------------------------------------------------------------------------
-
-struct BadIdentifier
-{
-    char const* name;
-    Properties properties;
-};
-
-class InverseConfiguration : public ::testing::TestWithParam<BadIdentifier>
-{};
-
-TEST_P(InverseConfiguration, MissingOrEmptyTargetIdentifierFails)
-{
-    InverseOperation operation;
-    Log::Capture capture;
-    EXPECT_FALSE(operation.configure(GetParam().properties));
-    EXPECT_TRUE(capture.containsFragment("target_identifier")) << testing::PrintToString(capture.messages());
-}
-
-INSTANTIATE_TEST_SUITE_P(Cases, InverseConfiguration,
-                         ::testing::Values(BadIdentifier{"Missing", Properties()},
-                                           BadIdentifier{"Empty", Properties{{"target_identifier", ""}}}),
-                         [](auto const& info) { return std::string(info.param.name); });
-
-TEST(InverseConfigurationLine, EmptyIdentifierNamesTheParameter)
-{
-    InverseOperation operation;
-    Log::Capture capture;
-    EXPECT_FALSE(operation.configure(Properties{{"target_identifier", ""}}));
-    EXPECT_TRUE(
-        capture.contains("Wrong value for parameter 'target_identifier' - either it was missing while "
-                         "required, or it was present but wrongly formatted.",
-                         "ML.Inverse"));
-}
-
-TEST(InverseRegistration, IsCreatedByNameWithItsIdentifier)
-{
-    registerOperations();
-    auto created =
-        Operation::createFromFactories({"Inverse", Properties{{"target_identifier", "x"}}, Phase::Always});
-    ASSERT_NE(created, nullptr);
-    EXPECT_FALSE(created->supportsInversion());
-    EXPECT_FALSE(created->doesNotModifyInput());
-    EXPECT_EQ(created->processingPolicy(), Operation::ProcessingPolicy::Everything);
-    EXPECT_EQ(created->configuration().paramOr("target_identifier", ""), "x");
-    EXPECT_EQ(InverseOperation("y").p_targetIdentifier.value(), "y");
 }
 
 } // namespace

@@ -60,19 +60,14 @@ TEST(MarkAsTarget, TagsAndUntagsTheNamedFields)
     unmark.process(item);
     EXPECT_TRUE(item.get("label")->isTarget());
     EXPECT_FALSE(item.get("weights")->isTarget());
-}
 
-TEST(MarkAsTarget, WithoutApplyToWarnsAndChangesNothing)
-{
-    DataItem item = threeFields();
-    MarkAsTargetOperation mark;
     Log::Capture capture;
-    mark.process(item);
+    MarkAsTargetOperation().process(item);
     EXPECT_TRUE(capture.contains("No field given in 'apply_to': nothing to do.", "ML.MarkAsTarget"));
     EXPECT_FALSE(item.get("image")->isTarget());
 }
 
-TEST(Rename, KeepsThePositionOfTheField)
+TEST(RenameAndRemove, RenameKeepsThePositionOfTheFieldAndRemoveDropsFields)
 {
     DataItem item = threeFields();
     auto* labelElement = item.get("label");
@@ -81,6 +76,11 @@ TEST(Rename, KeepsThePositionOfTheField)
     rename.process(item);
     EXPECT_EQ(fieldOrder(item), (std::vector<std::string>{"image", "segmentation", "weights"}));
     EXPECT_EQ(item.get("segmentation"), labelElement);
+
+    RemoveOperation remove;
+    ASSERT_TRUE(remove.configure(keys({{"apply_to", {"weights", "image"}}})));
+    remove.process(item);
+    EXPECT_EQ(fieldOrder(item), (std::vector<std::string>{"segmentation"}));
 }
 
 TEST(Rename, RefusesToOverwriteAndToPairUnevenLists)
@@ -108,23 +108,6 @@ TEST(Rename, MissingSourceIsUnexpectedBehaviour)
         "ML.Rename"));
     rename.setErrorOnUnexpectedBehaviour(true);
     EXPECT_THROW(rename.process(item), OperationException);
-}
-
-TEST(Rename, RequiresBothLists)
-{
-    Log::Capture capture;
-    RenameOperation rename;
-    EXPECT_FALSE(rename.configure(keys({{"source", {"label"}}})));
-    EXPECT_TRUE(capture.containsFragment("'target'"));
-}
-
-TEST(Remove, DropsTheNamedFields)
-{
-    DataItem item = threeFields();
-    RemoveOperation remove;
-    ASSERT_TRUE(remove.configure(keys({{"apply_to", {"weights", "image"}}})));
-    remove.process(item);
-    EXPECT_EQ(fieldOrder(item), (std::vector<std::string>{"label"}));
 }
 
 TEST(Copy, MakesAnIndependentCopyWithTheTargetTag)

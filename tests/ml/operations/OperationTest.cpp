@@ -8,7 +8,6 @@
 #include "ml/operations/OperationException.h"
 
 #include "host/core/Log.h"
-#include "host/gl/ContextManager.h"
 
 #include <gtest/gtest.h>
 
@@ -79,29 +78,23 @@ TEST_P(SelectionTest, ProcessesExactlyTheSelectedFieldsInItemOrder)
     EXPECT_TRUE(capture.messages(Log::Warning).empty());
 }
 
+using Fields = std::vector<std::string>;
+
 INSTANTIATE_TEST_SUITE_P(
     PolicyAndApplyTo, SelectionTest,
-    ::testing::Values(SelectionCase{"Everything",
-                                    Policy::Everything,
-                                    std::nullopt,
-                                    {"image", "vector", "label", "kpts", "boxes", "tensor", "label_kpts"}},
-                      SelectionCase{"EverythingButLabels",
-                                    Policy::EverythingButLabels,
-                                    std::nullopt,
-                                    {"image", "vector", "kpts", "boxes", "tensor"}},
-                      SelectionCase{"OnlyLabels", Policy::OnlyLabels, std::nullopt, {"label", "label_kpts"}},
-                      SelectionCase{"ApplyToLabelOverridesEverythingButLabels",
-                                    Policy::EverythingButLabels,
-                                    Operation::FieldSet{"label"},
-                                    {"label"}},
-                      SelectionCase{"ApplyToInputOverridesOnlyLabels",
-                                    Policy::OnlyLabels,
-                                    Operation::FieldSet{"tensor", "image"},
-                                    {"image", "tensor"}},
-                      SelectionCase{"ApplyToSubsetUnderEverything",
-                                    Policy::Everything,
-                                    Operation::FieldSet{"boxes", "kpts"},
-                                    {"kpts", "boxes"}}),
+    ::testing::Values(
+        // Every field of makeFullItem() in item order.
+        SelectionCase{"Everything", Policy::Everything, std::nullopt,
+                      Fields{"image", "vector", "label", "kpts", "boxes", "tensor", "label_kpts"}},
+        SelectionCase{"EverythingButLabels", Policy::EverythingButLabels, std::nullopt,
+                      Fields{"image", "vector", "kpts", "boxes", "tensor"}},
+        SelectionCase{"OnlyLabels", Policy::OnlyLabels, std::nullopt, Fields{"label", "label_kpts"}},
+        SelectionCase{"ApplyToLabelOverridesEverythingButLabels", Policy::EverythingButLabels,
+                      Operation::FieldSet{"label"}, Fields{"label"}},
+        SelectionCase{"ApplyToInputOverridesOnlyLabels", Policy::OnlyLabels,
+                      Operation::FieldSet{"tensor", "image"}, Fields{"image", "tensor"}},
+        SelectionCase{"ApplyToSubsetUnderEverything", Policy::Everything,
+                      Operation::FieldSet{"boxes", "kpts"}, Fields{"kpts", "boxes"}}),
     [](auto const& info) { return info.param.label; });
 
 TEST(OperationSelection, SelectedFieldsIsNoSetForEverythingAndASetOtherwise)
@@ -139,7 +132,7 @@ TEST(OperationSelection, AllLabelsUnderEverythingButLabelsWarnsAndChangesNothing
     EXPECT_EQ(pixel(item, "label"), before);
 }
 
-TEST(OperationSelection, MissingFieldIsWarnedAboutAndTheExistingOneIsProcessed)
+TEST(OperationSelection, MissingFieldIsWarnedAboutOrInErrorModeThrowsBeforeAnythingIsProcessed)
 {
     AddOneOperation operation;
     operation.setApplyTo(Operation::FieldSet{"image", "nowhere", "absent"});
@@ -149,26 +142,14 @@ TEST(OperationSelection, MissingFieldIsWarnedAboutAndTheExistingOneIsProcessed)
     Log::Capture capture;
     operation.process(item);
     EXPECT_EQ(pixel(item, "image"), before + 1.0F);
-    EXPECT_TRUE(
-        capture.contains("Cannot execute operation on fields 'absent,nowhere' because they do not exist in "
-                         "input data item. Input fields are "
-                         "[image,vector,label,kpts,boxes,tensor,label_kpts].",
-                         "ML.AddOne"));
-}
+    std::string const text =
+        "Cannot execute operation on fields 'absent,nowhere' because they do not exist in "
+        "input data item. Input fields are [image,vector,label,kpts,boxes,tensor,label_kpts].";
+    EXPECT_TRUE(capture.contains(text, "ML.AddOne"));
 
-TEST(OperationSelection, MissingFieldInErrorModeThrowsBeforeAnythingIsProcessed)
-{
-    AddOneOperation operation;
-    operation.setApplyTo(Operation::FieldSet{"image", "absent"});
     operation.setErrorOnUnexpectedBehaviour(true);
-    DataItem item = makeFullItem();
-    float const before = pixel(item, "image");
-    Log::Capture capture;
-    EXPECT_NE(exceptionText([&] {
-                  operation.process(item);
-              }).find("[ML.AddOne] Cannot execute operation on fields"),
-              std::string::npos);
-    EXPECT_EQ(pixel(item, "image"), before);
+    EXPECT_EQ(exceptionText([&] { operation.process(item); }), "[ML.AddOne] " + text);
+    EXPECT_EQ(pixel(item, "image"), before + 1.0F);
 }
 
 TEST(OperationSelection, SelectedFieldsAreLoggedAtDebugLevel)
@@ -369,13 +350,11 @@ TEST(OperationSingleElement, ImageSetIsProcessedWhateverThePolicyAndApplyToIsRes
     operation.setApplyTo(Operation::FieldSet{"image", "other"});
     EXPECT_NE(operation.process(makeVectorSet(1)), nullptr);
     EXPECT_EQ(operation.applyTo(), (Operation::FieldSet{"image", "other"}));
-}
 
-TEST(OperationSingleElement, ApplyToIsRestoredAlsoWhenTheOperationThrows)
-{
-    NothingOperation operation;
-    EXPECT_THROW(operation.process(makeSet(1)), OperationException);
-    EXPECT_FALSE(operation.applyTo().has_value());
+    // Also when the operation throws.
+    NothingOperation nothing;
+    EXPECT_THROW(nothing.process(makeSet(1)), OperationException);
+    EXPECT_FALSE(nothing.applyTo().has_value());
 }
 
 TEST(OperationSingleElement, NullOrEmptyInputGivesNullWithAnError)
@@ -444,7 +423,7 @@ TEST(OperationWarnings, SameTextLogsOnceAndThrowsEveryTimeInErrorMode)
     EXPECT_EQ(capture.count("new", "ML.AddOne"), 1);
 }
 
-TEST(OperationWarnings, EmptyOrNullInputIsReportedAndLeftAlone)
+TEST(OperationWarnings, EmptyOrNullInputConfigFailedAndDeprecatedTexts)
 {
     AddOneOperation operation;
     Log::Capture capture;
@@ -457,12 +436,8 @@ TEST(OperationWarnings, EmptyOrNullInputIsReportedAndLeftAlone)
 
     auto emptySet = std::make_shared<SharedImageSet>();
     EXPECT_EQ(operation.processImages(emptySet), emptySet);
-}
 
-TEST(OperationWarnings, ConfigFailedAndDeprecatedTexts)
-{
-    AddOneOperation operation;
-    Log::Capture capture;
+    capture.clear();
     operation.configFailed("size");
     operation.logDeprecatedParam("old_size", "size");
     EXPECT_EQ(
@@ -705,16 +680,6 @@ TEST(OperationConfiguration, ConfiguringFromTheConfigurationGivesTheSameConfigur
 
 // ---- GPU decision ---------------------------------------------------------------------------------
 
-TEST(ContextManager, NoBackendMeansNoContextAndFunctionsRunDirectly)
-{
-    EXPECT_FALSE(GL::ContextManager::hasCurrent());
-    Log::Capture capture;
-    EXPECT_FALSE(GL::ContextManager::get().createContext());
-    EXPECT_EQ(capture.records().size(), 1U);
-    EXPECT_EQ(capture.records()[0].category, "Host.ContextManager");
-    EXPECT_EQ(GL::ContextManager::get().runWithOpenGL([] { return 41 + 1; }, true), 42);
-}
-
 struct GpuCase
 {
     std::string label;
@@ -742,68 +707,42 @@ TEST_P(ShouldRunOnGpuTest, DecidesAndNotifiesTheFallBack)
         EXPECT_EQ(notes, std::vector<std::string>{"has to use fallback to CPU, encountered " + c.note});
 }
 
-std::shared_ptr<SharedImageSet> floatImage(int channels = 1, Eigen::Vector3i size = {4, 4, 1})
+template <class T = float>
+std::function<std::shared_ptr<SharedImageSet>()> image(int channels = 1, Eigen::Vector3i size = {4, 4, 1})
 {
-    return makeTypedSet<float>(size, channels);
+    return [=] { return makeTypedSet<T>(size, channels); };
 }
+
+std::shared_ptr<SharedImageSet> firstBadFrameDecides()
+{
+    auto sis = makeTypedSet<float>({4, 4, 1}, 1);
+    sis->add(makeTypedSet<float>({4, 4, 1}, 6)->getShared(0));
+    sis->add(makeTypedSet<float>({8, 1, 1}, 1)->getShared(0));
+    return sis;
+}
+
+constexpr ComputingDevice kGpu = ComputingDevice::ForceGPU;
 
 INSTANTIATE_TEST_SUITE_P(
     Devices, ShouldRunOnGpuTest,
     ::testing::Values(
-        GpuCase{"ForceGpuFloat2D", ComputingDevice::ForceGPU, [] { return floatImage(); }, false, true, ""},
-        GpuCase{"ForceGpuFloat3DFourChannels", ComputingDevice::ForceGPU,
-                [] {
-                    return floatImage(4, {3, 3, 3});
-                },
-                false, true, ""},
-        GpuCase{"ForceCpu", ComputingDevice::ForceCPU, [] { return floatImage(); }, false, false, ""},
-        GpuCase{"GpuIfOpenGlWithoutContext", ComputingDevice::GPUIfOpenGl, [] { return floatImage(); }, false,
-                false, ""},
-        GpuCase{"GpuIfGlImageWithoutContext", ComputingDevice::GPUIfGlImage, [] { return floatImage(); },
-                false, false, ""},
-        GpuCase{"DeviceOutsideTheEnum", static_cast<ComputingDevice>(7), [] { return floatImage(); }, false,
-                false, ""},
-        GpuCase{"NullSet", ComputingDevice::ForceGPU, [] { return std::shared_ptr<SharedImageSet>(); }, false,
-                false, ""},
-        GpuCase{"EmptySet", ComputingDevice::ForceGPU, [] { return std::make_shared<SharedImageSet>(); },
-                false, false, ""},
-        GpuCase{"FiveChannels", ComputingDevice::ForceGPU, [] { return floatImage(5); }, false, false,
-                "with more than 4 channels."},
-        GpuCase{"FiveChannelsInBatches", ComputingDevice::ForceGPU, [] { return floatImage(5); }, true, true,
-                ""},
-        GpuCase{"OneDimension", ComputingDevice::ForceGPU,
-                [] {
-                    return floatImage(1, {8, 1, 1});
-                },
-                false, false, "with only 1 dimension."},
-        GpuCase{"Int", ComputingDevice::ForceGPU,
-                [] {
-                    return makeTypedSet<int>({4, 4, 1}, 1);
-                },
-                false, false, "of type 'Int'."},
-        GpuCase{"UInt", ComputingDevice::ForceGPU,
-                [] {
-                    return makeTypedSet<unsigned int>({4, 4, 1}, 1);
-                },
-                false, false, "of type 'UInt'."},
-        GpuCase{"Double", ComputingDevice::ForceGPU,
-                [] {
-                    return makeTypedSet<double>({4, 4, 1}, 1);
-                },
-                false, false, "of type 'Double'."},
-        GpuCase{"UShortIsFine", ComputingDevice::ForceGPU,
-                [] {
-                    return makeTypedSet<unsigned short>({4, 4, 1}, 2);
-                },
-                false, true, ""},
-        GpuCase{"FirstBadFrameDecides", ComputingDevice::ForceGPU,
-                [] {
-                    auto sis = floatImage(1);
-                    sis->add(floatImage(6)->getShared(0));
-                    sis->add(floatImage(1, {8, 1, 1})->getShared(0));
-                    return sis;
-                },
-                false, false, "with more than 4 channels."}),
+        GpuCase{"ForceGpuFloat2D", kGpu, image(), false, true, ""},
+        GpuCase{"ForceGpuFloat3DFourChannels", kGpu, image(4, {3, 3, 3}), false, true, ""},
+        GpuCase{"ForceCpu", ComputingDevice::ForceCPU, image(), false, false, ""},
+        GpuCase{"GpuIfOpenGlWithoutContext", ComputingDevice::GPUIfOpenGl, image(), false, false, ""},
+        GpuCase{"GpuIfGlImageWithoutContext", ComputingDevice::GPUIfGlImage, image(), false, false, ""},
+        GpuCase{"DeviceOutsideTheEnum", static_cast<ComputingDevice>(7), image(), false, false, ""},
+        GpuCase{"NullSet", kGpu, [] { return std::shared_ptr<SharedImageSet>(); }, false, false, ""},
+        GpuCase{"EmptySet", kGpu, [] { return std::make_shared<SharedImageSet>(); }, false, false, ""},
+        GpuCase{"FiveChannels", kGpu, image(5), false, false, "with more than 4 channels."},
+        GpuCase{"FiveChannelsInBatches", kGpu, image(5), true, true, ""},
+        GpuCase{"OneDimension", kGpu, image(1, {8, 1, 1}), false, false, "with only 1 dimension."},
+        GpuCase{"Int", kGpu, image<int>(), false, false, "of type 'Int'."},
+        GpuCase{"UInt", kGpu, image<unsigned int>(), false, false, "of type 'UInt'."},
+        GpuCase{"Double", kGpu, image<double>(), false, false, "of type 'Double'."},
+        GpuCase{"UShortIsFine", kGpu, image<unsigned short>(2), false, true, ""},
+        GpuCase{"FirstBadFrameDecides", kGpu, firstBadFrameDecides, false, false,
+                "with more than 4 channels."}),
     [](auto const& info) { return info.param.label; });
 
 class BatchingOperation : public AddOneOperation

@@ -3,6 +3,7 @@
 
 #include "ml/operations/PropertiesYAML.h"
 
+#include "ml/TestHelpers.h"
 #include "ml/operations/ParamException.h"
 #include "ml/operations/ProcessingSpecs.h"
 
@@ -209,7 +210,7 @@ INSTANTIATE_TEST_SUITE_P(
                       PhaseCase{"- Foo: {phase: 5}\n", Phase::Training | Phase::Inference},
                       PhaseCase{"- Foo: {phase: always}\n", Phase::Always}));
 
-TEST(ProcessingSpecs, PhaseOfSingleNamedTreeIsIgnored)
+TEST(ProcessingSpecs, SingleTreesIgnoreThePhaseListsNameTheCulpritAndNullEntriesAreSkipped)
 {
     Properties single("Foo");
     single.setParam("phase", "training");
@@ -218,29 +219,17 @@ TEST(ProcessingSpecs, PhaseOfSingleNamedTreeIsIgnored)
     EXPECT_EQ(specs[0].name, "Foo");
     EXPECT_EQ(specs[0].phase, Phase::Always);
     EXPECT_EQ(specs[0].properties, single);
-}
 
-TEST(ProcessingSpecs, UnknownPhaseThrowsNamingTheOperation)
-{
     Properties list;
     list.addSubProperties("Good");
     list.addSubProperties("Resample")->setParam("phase", "sometimes");
-    try {
-        propertyToProcessingSpecs(list);
-        FAIL() << "no exception";
-    } catch (ParamException const& e) {
-        std::string const message = e.what();
-        EXPECT_NE(message.find("Resample"), std::string::npos) << message;
-        EXPECT_NE(message.find("sometimes"), std::string::npos) << message;
-    }
-}
+    MLTest::expectThrowContaining<ParamException>([&] { propertyToProcessingSpecs(list); }, "Resample");
+    MLTest::expectThrowContaining<ParamException>([&] { propertyToProcessingSpecs(list); }, "sometimes");
 
-TEST(ProcessingSpecs, NullEntriesAreSkippedWithError)
-{
     Log::Capture capture;
     Properties a("A");
     std::vector<Properties*> entries{&a, nullptr};
-    auto specs = propertyListToProcessingSpecs(entries);
+    specs = propertyListToProcessingSpecs(entries);
     ASSERT_EQ(specs.size(), 1u);
     EXPECT_EQ(specs[0].name, "A");
     EXPECT_TRUE(capture.contains("Entry 1 of the processing list is null and was skipped", "ML.Operation"));
@@ -393,7 +382,7 @@ INSTANTIATE_TEST_SUITE_P(
 // ---------------------------------------------------------------------------------------------
 // Failures and sources
 
-TEST(PropertiesYAMLErrors, ParseErrorIsLoggedAndGivesNull)
+TEST(PropertiesYAMLErrors, ParseErrorsAndUndefinedNodesGiveNullAndUnmappableKeysKeepWhatWasRead)
 {
     std::string const bad = "a: [1, 2\nb: }";
     std::string expected;
@@ -403,23 +392,13 @@ TEST(PropertiesYAMLErrors, ParseErrorIsLoggedAndGivesNull)
         expected = std::string("Yaml Parse error: ") + e.what();
     }
     ASSERT_FALSE(expected.empty());
-
     Log::Capture capture;
     EXPECT_EQ(PropertiesYAML::createFromString(bad), nullptr);
     EXPECT_TRUE(capture.contains(expected, "ML.PropertiesYAML"));
-}
 
-TEST(PropertiesYAMLErrors, UndefinedNodeGivesNull)
-{
-    YAML::Node const node = YAML::Load("{a: 1}");
-    Log::Capture capture;
-    EXPECT_EQ(PropertiesYAML::createFromNode(node["missing"]), nullptr);
+    EXPECT_EQ(PropertiesYAML::createFromNode(YAML::Load("{a: 1}")["missing"]), nullptr);
     EXPECT_TRUE(capture.contains("YAML node is not defined", "ML.PropertiesYAML"));
-}
 
-TEST(PropertiesYAMLErrors, UnmappableKeyKeepsWhatWasRead)
-{
-    Log::Capture capture;
     auto partial = PropertiesYAML::createFromString("{c: 2, [a, b]: 1, d: 3}");
     ASSERT_NE(partial, nullptr);
     EXPECT_EQ(partial->paramValueText("c"), "2");
@@ -498,24 +477,19 @@ protected:
     Resource::MemoryRepository m_repository{"PropertiesYAMLTest"};
 };
 
-TEST_F(PropertiesYAMLResources, LoadsResource)
+TEST_F(PropertiesYAMLResources, LoadsResourcesAndReportsFailuresUnlessProbing)
 {
     for (auto const& loaded : {PropertiesYAML::createFromResource("lists/basic.yaml"),
                                PropertiesYAML::createFromResourceOrFile("lists/basic.yaml")}) {
         ASSERT_NE(loaded, nullptr);
         EXPECT_TRUE(sameTree(*loaded, build({"", {}, {{"Foo"}, {"Bar", {{"a", text("1")}}}}})));
     }
-}
 
-TEST_F(PropertiesYAMLResources, FailuresAreReportedUnlessProbing)
-{
     Log::Capture capture;
     EXPECT_EQ(PropertiesYAML::createFromResource("lists/absent.yaml", false), nullptr);
     EXPECT_TRUE(capture.records().empty());
-
     EXPECT_EQ(PropertiesYAML::createFromResource("lists/absent.yaml"), nullptr);
     EXPECT_TRUE(capture.contains("Couldn't open file Resource lists/absent.yaml\n", "ML.PropertiesYAML"));
-
     EXPECT_EQ(PropertiesYAML::createFromResource("lists/broken.yaml"), nullptr);
     EXPECT_TRUE(capture.contains("Could not read the YAML of 'lists/broken.yaml'", "ML.PropertiesYAML"));
 }

@@ -2,7 +2,8 @@
 // here from the geometry convention (pixel p at (p - (dim - 1) / 2) * spacing in image mm, then
 // matrixToWorld), on an obliquely rotated, translated frame with anisotropic spacing; values
 // against a linear ramp (which trilinear interpolation must reproduce exactly) and label maps
-// against their own value set. Then the keys, edge cases and messages of each operation.
+// against their own value set. Then the keys and edge cases of each operation. SetSpacing, which
+// changes the grid without resampling, closes the file. The messages are in CatalogueTest.
 
 #include "ml/operations/catalogue/ResampleOperations.h"
 
@@ -13,16 +14,11 @@
 #include "ml/data/KeypointsElement.h"
 #include "ml/data/VectorElement.h"
 #include "ml/data/components/ReferenceImageDataComponent.h"
-#include "ml/operations/OperationException.h"
-#include "ml/plugin/Registrations.h"
-
-#include "host/core/Log.h"
-#include "host/image/SharedImageSet.h"
-#include "host/image/TypedImage.h"
+#include "ml/operations/CatalogueTestHelpers.h"
+#include "ml/operations/catalogue/SetSpacingOperation.h"
 
 #include <gtest/gtest.h>
 
-#include <Eigen/Geometry>
 #include <cmath>
 #include <functional>
 #include <optional>
@@ -31,61 +27,26 @@
 
 using namespace Velmoria;
 using namespace Velmoria::ML;
+using namespace Velmoria::ML::CatalogueTests;
 
 namespace {
 
 constexpr double kTol = 1e-6;
-
-// Turned about an oblique axis and moved, so that no axis of the image is a world axis.
-Eigen::Matrix4d obliqueMatrix()
-{
-    Eigen::Affine3d const t = Eigen::Translation3d(10.0, -20.0, 5.0) *
-                              Eigen::AngleAxisd(0.6, Eigen::Vector3d(1.0, 2.0, 3.0).normalized());
-    return t.matrix();
-}
-
-// The convention, written out: where pixel p of a grid lies in the world.
-Eigen::Vector3d analyticWorld(Eigen::Matrix4d const& m, Eigen::Vector3i const& dims,
-                              Eigen::Vector3d const& spacing, Eigen::Vector3d const& p)
-{
-    Eigen::Vector3d const image =
-        (p - (dims.cast<double>() - Eigen::Vector3d::Ones()) / 2.0).cwiseProduct(spacing);
-    return (m * image.homogeneous()).head<3>();
-}
-
-// Its inverse: the (fractional) pixel of a grid at world point w.
-Eigen::Vector3d analyticPixel(Eigen::Matrix4d const& m, Eigen::Vector3i const& dims,
-                              Eigen::Vector3d const& spacing, Eigen::Vector3d const& w)
-{
-    Eigen::Vector3d const image = (m.inverse() * w.homogeneous()).head<3>();
-    return image.cwiseQuotient(spacing) + (dims.cast<double>() - Eigen::Vector3d::Ones()) / 2.0;
-}
 
 template <class T>
 std::shared_ptr<SharedImageSet> makeSet(Eigen::Vector3i const& dims, Eigen::Vector3d const& spacing,
                                         Eigen::Matrix4d const& matrix,
                                         std::function<double(int, int, int)> const& value)
 {
-    auto pixels = TypedImage<T>::zeros(dims, 1);
-    std::size_t i = 0;
-    for (int z = 0; z < dims.z(); ++z)
-        for (int y = 0; y < dims.y(); ++y)
-            for (int x = 0; x < dims.x(); ++x)
-                pixels->setValue(static_cast<T>(value(x, y, z)), i++);
-    pixels->setSpacing(spacing, true);
-    auto frame = std::make_shared<SharedImage>(std::shared_ptr<Image>(std::move(pixels)));
+    auto frame = obliqueFrame<T>(
+        dims, 1, [&](int x, int y, int z, int) { return value(x, y, z); }, spacing);
     frame->setMatrixToWorld(matrix);
     return std::make_shared<SharedImageSet>(frame);
 }
 
 double valueAt(SharedImage const& frame, int x, int y, int z)
 {
-    auto const i = static_cast<std::size_t>((z * frame.height() + y) * frame.width() + x);
-    double v = 0.0;
-    visitPixelType(frame.pixelType(), [&](auto tag) {
-        v = static_cast<double>(static_cast<TypedImage<decltype(tag)> const&>(*frame.mem()).value(i));
-    });
-    return v;
+    return CatalogueTests::valueAt(frame, Eigen::Vector3i(x, y, z));
 }
 
 // Ramp of the pixel indices: trilinear interpolation reproduces it exactly between pixel centres.
@@ -160,7 +121,7 @@ TEST_P(ResampleGridTest, pixelsLieWhereTheConventionPutsThem)
     for (Eigen::Vector3d const& p :
          {Eigen::Vector3d(0, 0, 0), (c.dims - Eigen::Vector3i::Ones()).cast<double>().eval(),
           Eigen::Vector3d(1, 2, 0)})
-        expectVectorNear(frame.pixelToWorld(p), analyticWorld(m, c.dims, c.spacing, p), "pixel");
+        expectVectorNear(frame.pixelToWorld(p), conventionWorld(m, c.dims, c.spacing, p), "pixel");
 
     // Values: the ramp at the input pixel that each output pixel's world point falls on, for
     // points among the input's pixel centres (upsampling only, so no smoothing is involved).
@@ -169,8 +130,8 @@ TEST_P(ResampleGridTest, pixelsLieWhereTheConventionPutsThem)
         for (int z = 0; z < c.dims.z(); ++z)
             for (int y = 0; y < c.dims.y(); ++y)
                 for (int x = 0; x < c.dims.x(); ++x) {
-                    Eigen::Vector3d const w = analyticWorld(m, c.dims, c.spacing, Eigen::Vector3d(x, y, z));
-                    Eigen::Vector3d const q = analyticPixel(m, kDims, kSpacing, w);
+                    Eigen::Vector3d const w = conventionWorld(m, c.dims, c.spacing, Eigen::Vector3d(x, y, z));
+                    Eigen::Vector3d const q = conventionPixel(m, kDims, kSpacing, w);
                     if ((q.array() < 0.0).any() || (q.array() > (kDims.cast<double>().array() - 1.0)).any())
                         continue;
                     EXPECT_NEAR(valueAt(frame, x, y, z), ramp(q), 1e-3) << x << " " << y << " " << z;
@@ -232,8 +193,8 @@ TEST_P(ResampleLabelMapTest, neverCreatesALabelAndTakesTheNearestPixel)
     for (int z = 0; z < c.dims.z(); ++z)
         for (int y = 0; y < c.dims.y(); ++y)
             for (int x = 0; x < c.dims.x(); ++x) {
-                Eigen::Vector3d const w = analyticWorld(m, c.dims, c.spacing, Eigen::Vector3d(x, y, z));
-                Eigen::Vector3d const q = analyticPixel(m, kDims, kSpacing, w);
+                Eigen::Vector3d const w = conventionWorld(m, c.dims, c.spacing, Eigen::Vector3d(x, y, z));
+                Eigen::Vector3d const q = conventionPixel(m, kDims, kSpacing, w);
                 // The labels of the (at most two per axis) input pixels nearest to q.
                 std::set<double> candidates;
                 for (int dz = 0; dz < 2; ++dz)
@@ -301,8 +262,8 @@ TEST_F(ResampleToGridTest, resampleToInputFollowsARotatedReferenceGrid)
     for (int z = 0; z < rdims.z(); ++z)
         for (int y = 0; y < rdims.y(); ++y)
             for (int x = 0; x < rdims.x(); ++x) {
-                Eigen::Vector3d const q = analyticPixel(
-                    m, kDims, kSpacing, analyticWorld(rm, rdims, rspacing, Eigen::Vector3d(x, y, z)));
+                Eigen::Vector3d const q = conventionPixel(
+                    m, kDims, kSpacing, conventionWorld(rm, rdims, rspacing, Eigen::Vector3d(x, y, z)));
                 double const v = valueAt(frame, x, y, z);
                 if ((q.array() >= 0.0).all() && (q.array() <= kDims.cast<double>().array() - 1.0).all()) {
                     EXPECT_NEAR(v, ramp(q), 1e-3) << x << " " << y << " " << z;
@@ -336,42 +297,6 @@ TEST_F(ResampleToGridTest, resolutionReductionKeepsTheGridAndLosesDetail)
 
 // ---- Keys, edge cases, messages -------------------------------------------------------------------
 
-std::string failureOf(Operation& operation, std::shared_ptr<SharedImageSet> const& set)
-{
-    try {
-        operation.process(set);
-    } catch (OperationException const& e) {
-        return e.what();
-    }
-    return "no exception";
-}
-
-struct FailureCase
-{
-    std::string name;
-    std::function<std::unique_ptr<Operation>()> make;
-    std::function<std::shared_ptr<SharedImageSet>()> input;
-    std::string message;
-};
-
-void PrintTo(FailureCase const& c, std::ostream* os)
-{
-    *os << c.name;
-}
-
-class ResampleFailureTest : public ::testing::TestWithParam<FailureCase>
-{};
-
-TEST_P(ResampleFailureTest, failsWithItsMessageAndLeavesTheInput)
-{
-    FailureCase const& c = GetParam();
-    auto const input = c.input();
-    Eigen::Vector3i const dims = input->get(0)->dimensions();
-    auto operation = c.make();
-    EXPECT_EQ(failureOf(*operation, input), c.message);
-    EXPECT_EQ(input->get(0)->dimensions(), dims);
-}
-
 std::shared_ptr<SharedImageSet> plainSet()
 {
     return makeSet<float>(Eigen::Vector3i(6, 5, 4), kSpacing, obliqueMatrix(),
@@ -388,44 +313,6 @@ std::unique_ptr<Operation> aspect(std::optional<int> x, std::optional<int> y, st
     op->p_keepAspectRatioWrt.setValue(std::move(wrt));
     return op;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Operations, ResampleFailureTest,
-    ::testing::Values(
-        FailureCase{"DimsZero",
-                    [] { return std::make_unique<ResampleDimsOperation>(Eigen::Vector3i(4, 0, 2)); },
-                    plainSet, "[ML.ResampleDims] Incorrect 'target_dims' parameter"},
-        FailureCase{
-            "AspectTwoDimsNoWrt", [] { return aspect(10, 8, std::nullopt, std::nullopt); }, plainSet,
-            "[ML.ResampleKeepingAspectRatio] keep_aspect_ratio_wrt is required, accepted values are x, y or "
-            "z."},
-        FailureCase{
-            "AspectBadWrt", [] { return aspect(10, 8, std::nullopt, "w"); }, plainSet,
-            "[ML.ResampleKeepingAspectRatio] keep_aspect_ratio_wrt w specified, but accepted values are x, y "
-            "or z."},
-        FailureCase{
-            "AspectWrtNotGiven", [] { return aspect(10, 8, std::nullopt, "z"); }, plainSet,
-            "[ML.ResampleKeepingAspectRatio] Requested to keep aspect ratio with respect to z, but dimension "
-            "for z was not specified"},
-        FailureCase{
-            "AspectNothingGiven", [] { return aspect(std::nullopt, std::nullopt, std::nullopt, "x"); },
-            plainSet,
-            "[ML.ResampleKeepingAspectRatio] At least one of target_dim_x, target_dim_y and target_dim_z "
-            "must be given."},
-        FailureCase{"ToInputNoComponent", [] { return std::make_unique<ResampleToInputOperation>(); },
-                    plainSet, "[ML.ResampleToInput] no ReferenceImageDataComponent found"},
-        FailureCase{"ToInputNoReference", [] { return std::make_unique<ResampleToInputOperation>(); },
-                    [] {
-                        auto set = plainSet();
-                        set->components().add(std::make_unique<ReferenceImageDataComponent>());
-                        return set;
-                    },
-                    "[ML.ResampleToInput] no valid reference in ReferenceImageDataComponent"},
-        FailureCase{
-            "ReductionZeroSpacing",
-            [] { return std::make_unique<ResolutionReductionOperation>(Eigen::Vector3d(1.0, 0.0, 1.0)); },
-            plainSet, "[ML.ResolutionReduction] 'target_spacing' must be positive"}),
-    [](auto const& info) { return info.param.name; });
 
 // ---- ResampleKeepingAspectRatio sizes ------------------------------------------------------
 
@@ -468,7 +355,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, AspectRatioSizeTest,
                              AspectCase{{}, 30, {}, {}, {40, 60, 7}, {20, 30, 3}},
                              // Two given: the named one decides the third.
                              AspectCase{50, 10, {}, "y", {40, 20, 8}, {50, 10, 4}}));
-// All three given are covered by configureReportsBadKeysAndWarnsAboutUnneededOnes alone, whose
+// All three given are covered by configureWarnsAboutUnneededKeys alone, whose
 // once-per-process warning must not have been used up by another test of this program.
 
 TEST(ResampleKeepingAspectRatioTest, determinesTheReferenceAxis)
@@ -484,21 +371,12 @@ TEST(ResampleKeepingAspectRatioTest, determinesTheReferenceAxis)
               "y");
 }
 
-TEST(ResampleKeepingAspectRatioTest, configureReportsBadKeysAndWarnsAboutUnneededOnes)
+TEST(ResampleKeepingAspectRatioTest, configureWarnsAboutUnneededKeys)
 {
     Log::Capture capture;
-    ResampleKeepingAspectRatioOperation twoDims;
-    Properties props;
-    props.setParam("target_dim_x", 10);
-    props.setParam("target_dim_y", 20);
-    EXPECT_FALSE(twoDims.configure(props));
-    EXPECT_TRUE(capture.contains(
-        "[ML.ResampleKeepingAspectRatio] keep_aspect_ratio_wrt is required, accepted values are x, y or z.",
-        "ML.ResampleKeepingAspectRatio"));
-
     ResampleKeepingAspectRatioOperation all;
-    props.setParam("target_dim_z", 30);
-    props.setParam("keep_aspect_ratio_wrt", "y");
+    Properties const props{
+        {"target_dim_x", 10}, {"target_dim_y", 20}, {"target_dim_z", 30}, {"keep_aspect_ratio_wrt", "y"}};
     EXPECT_TRUE(all.configure(props));
     EXPECT_TRUE(
         capture.contains("keep_aspect_ratio_wrt y was not needed since all of the target dimensions are "
@@ -593,39 +471,109 @@ TEST(ResampleOperationTest, imageResamplerProcessReplacesTheFramesInPlace)
     EXPECT_FALSE(resampler.process(nullptr, reference.get(), true));
 }
 
-TEST(ResampleOperationTest, registeredUnderTheirNamesAndReadTheirKeys)
+TEST(ResampleOperationTest, resolutionIsOneNumberOrThree)
 {
-    registerOperations();
-    Properties props;
-    props.setParam("resolution", 2.5);
-    props.setParam("preserve_extent", true);
-    auto const resample = Operation::createFromFactories({"Resample", props, Phase::Always});
-    ASSERT_NE(resample, nullptr);
-    EXPECT_EQ(dynamic_cast<ResampleOperation&>(*resample).p_resolution.value(),
-              Eigen::Vector3d(2.5, 2.5, 2.5));
-    EXPECT_TRUE(dynamic_cast<ResampleOperation&>(*resample).p_preserveExtent.value());
+    ResampleOperation resample;
+    ASSERT_TRUE(resample.configure(Properties{{"resolution", 2.5}, {"preserve_extent", true}}));
+    EXPECT_EQ(resample.p_resolution.value(), Eigen::Vector3d(2.5, 2.5, 2.5));
+    EXPECT_TRUE(resample.p_preserveExtent.value());
+    ASSERT_TRUE(resample.configure(Properties{{"resolution", Eigen::Vector3d(1.0, 2.0, 3.0)}}));
+    EXPECT_EQ(resample.p_resolution.value(), Eigen::Vector3d(1.0, 2.0, 3.0));
+}
 
-    Properties three;
-    three.setParam("resolution", Eigen::Vector3d(1.0, 2.0, 3.0));
-    ASSERT_TRUE(resample->configure(three));
-    EXPECT_EQ(dynamic_cast<ResampleOperation&>(*resample).p_resolution.value(),
-              Eigen::Vector3d(1.0, 2.0, 3.0));
+// ---- SetSpacing ----------------------------------------------------------------------------------
 
-    Properties dims;
-    dims.setParam("target_dims", Eigen::Vector3i(4, 5, 6));
-    auto const resampleDims = Operation::createFromFactories({"ResampleDims", dims, Phase::Always});
-    ASSERT_NE(resampleDims, nullptr);
-    EXPECT_EQ(dynamic_cast<ResampleDimsOperation&>(*resampleDims).p_targetDims.value(),
-              Eigen::Vector3i(4, 5, 6));
+std::shared_ptr<SharedImageSet> spacedSet(Eigen::Vector3i const& dims, Eigen::Vector3d const& spacing,
+                                          Eigen::Matrix4d const& matrix = obliqueMatrix())
+{
+    return makeSet<short>(dims, spacing, matrix,
+                          [&](int x, int y, int z) { return (x + 7 * y + 13 * z) % 97; });
+}
 
-    for (char const* name : {"ResampleKeepingAspectRatio", "ResampleToInput", "ResolutionReduction",
-                             "SetSpacing", "CropAroundLabelMap"}) {
-        Properties p;
-        if (std::string(name) == "ResampleKeepingAspectRatio")
-            p.setParam("target_dim_x", 10);
-        auto const operation = Operation::createFromFactories({name, p, Phase::Always});
-        ASSERT_NE(operation, nullptr) << name;
-        EXPECT_EQ(operation->processingPolicy(), Operation::ProcessingPolicy::Everything) << name;
+struct SpacingCase
+{
+    Eigen::Vector3i dims;
+    Eigen::Vector3d newSpacing;
+};
+
+class SetSpacingGeometryTest : public ::testing::TestWithParam<SpacingCase>
+{};
+
+// After the change every pixel lies where the convention puts it with the new spacing, so the
+// centre stays on its world point; the pixels are untouched.
+TEST_P(SetSpacingGeometryTest, keepsTheCentreAndScalesAboutIt)
+{
+    SpacingCase const& c = GetParam();
+    Eigen::Matrix4d const m = obliqueMatrix();
+    DataItem item;
+    item.set("image", spacedSet(c.dims, kSpacing));
+    item.set("label", spacedSet(c.dims, kSpacing));
+    item.get("label")->tagAsTarget();
+    auto points = std::make_shared<KeypointSet>(KeypointSet::Keypoints{{{Eigen::Vector3d(1, 2, 3)}}});
+    item.set("kpts", points);
+    auto const before = item.get<ImageElement>("image")->sis()->get(0)->clone();
+
+    SetSpacingOperation(c.newSpacing).process(item);
+
+    for (char const* field : {"image", "label"}) {
+        SharedImage const& frame = *item.get<ImageElement>(field)->sis()->get(0);
+        EXPECT_EQ(frame.spacing(), c.newSpacing) << field;
+        EXPECT_EQ(frame.dimensions(), c.dims) << field;
+        Eigen::Vector3d const centre = (c.dims.cast<double>() - Eigen::Vector3d::Ones()) / 2.0;
+        EXPECT_LT((frame.pixelToWorld(centre) - m.block<3, 1>(0, 3)).norm(), 1e-9) << field;
+        for (Eigen::Vector3d const& p :
+             {Eigen::Vector3d(0, 0, 0), Eigen::Vector3d(c.dims.x() - 1, 0, 0),
+              (c.dims - Eigen::Vector3i::Ones()).cast<double>().eval(), Eigen::Vector3d(2, 1, 0)})
+            EXPECT_LT((frame.pixelToWorld(p) - conventionWorld(m, c.dims, c.newSpacing, p)).norm(), 1e-9)
+                << field << " " << p.transpose();
+    }
+    // Not resampled: the same pixels; the keypoints are left alone.
+    EXPECT_TRUE(sameBytes(*item.get<ImageElement>("image")->sis()->get(0), *before));
+    EXPECT_EQ(points->keypoints()[0][0][0], Eigen::Vector3d(1, 2, 3));
+}
+
+INSTANTIATE_TEST_SUITE_P(Spacings, SetSpacingGeometryTest,
+                         ::testing::Values(SpacingCase{{9, 6, 5}, {0.5, 2.0, 1.0}},
+                                           SpacingCase{{9, 6, 5}, {0.7, 1.1, 2.5}},
+                                           SpacingCase{{10, 7, 1}, {1.4, 0.4, 2.5}}));
+
+// The checks across the elements of an item (those on one set are in CatalogueTest).
+TEST(SetSpacingOperationTest, refusesItemsWhoseElementsDisagree)
+{
+    Eigen::Matrix4d shifted = obliqueMatrix();
+    shifted(0, 3) += 0.5;
+    Eigen::Vector3i const dims(9, 6, 5);
+    auto twoFrames = spacedSet(dims, kSpacing);
+    twoFrames->add(twoFrames->getShared(0));
+    struct Check
+    {
+        char const* name;
+        std::shared_ptr<SharedImageSet> second;
+        char const* message;
+    };
+    for (Check const& c :
+         {Check{"NoImage", nullptr, "SetSpacingOperation requires at least one image element"},
+          Check{"MixedBatchSizes", twoFrames,
+                "SetSpacingOperation requires all active data elements to have the same batch size"},
+          Check{"OtherSize", spacedSet({9, 6, 4}, kSpacing),
+                "SetSpacingOperation requires all image elements to have the same descriptor world"},
+          Check{"OtherPosition", spacedSet(dims, kSpacing, shifted),
+                "SetSpacingOperation requires all image elements to have the same descriptor world"}}) {
+        SCOPED_TRACE(c.name);
+        DataItem item;
+        if (c.second) {
+            item.set("a", spacedSet(dims, kSpacing));
+            item.set("b", c.second);
+        } else {
+            item.set("kpts",
+                     std::make_shared<KeypointSet>(KeypointSet::Keypoints{{{Eigen::Vector3d(1, 2, 3)}}}));
+        }
+        MLTest::expectThrowWithMessage<OperationException>(
+            [&] { SetSpacingOperation(Eigen::Vector3d::Ones()).process(item); },
+            std::string("[ML.SetSpacing] ") + c.message);
+        if (c.second) {
+            EXPECT_EQ(item.get<ImageElement>("a")->sis()->get(0)->spacing(), kSpacing);
+        }
     }
 }
 
