@@ -17,7 +17,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <thread>
 
 namespace Velmoria {
@@ -121,17 +120,17 @@ TEST_F(IoAlgorithmRules, RegistrationIsIdempotentAndSafeFromSeveralThreads)
 
 TEST_F(IoAlgorithmRules, DicomFilesAreFoundByMagicAndDicomdirIsRefusedWhenRead)
 {
-    std::string const slice = file("IM0001");
-    std::ofstream(slice, std::ios::binary) << std::string(128, '\0') << "DICM" << std::string(64, '\0');
+    std::string const slice = writeBytes("IM0001", std::string(128, '\0') + "DICM" + std::string(64, '\0'));
     EXPECT_EQ(std::vector<std::string>{"DICOM.DicomIOAlgorithmFile"}, compatibleIds(slice));
     EXPECT_EQ(std::vector<std::string>{"DICOM.DicomIOAlgorithmFolder"}, compatibleIds(folder()));
 
-    std::string const dicomdir = file("DICOMDIR");
-    std::ofstream(dicomdir, std::ios::binary) << std::string(128, '\0') << "DICM";
+    std::string const dicomdir = writeBytes("DICOMDIR", std::string(128, '\0') + "DICM");
     EXPECT_EQ(std::vector<std::string>{"DICOM.DicomIOAlgorithmFile"}, compatibleIds(dicomdir));
     Log::Capture capture;
     EXPECT_TRUE(IO::FileLoader::load(dicomdir).empty());
-    EXPECT_TRUE(capture.containsFragment("Could not read image file '" + dicomdir + "': DICOMDIR files"));
+    EXPECT_TRUE(capture.containsFragment("Could not read image file '" + dicomdir +
+                                         "': DICOMDIR files (DICOM media directories) are not read; read the "
+                                         "folder of a series instead"));
     EXPECT_TRUE(capture.contains("Could not load '" + dicomdir +
                                      "': DICOM.DicomIOAlgorithmFile failed with status Error",
                                  "Host.FileLoader"));
@@ -184,39 +183,6 @@ TEST_F(IoAlgorithmRules, AFileLoaderReadsNoFolderAndTheFolderLoaderNoFile)
                                      "': DICOM.DicomIOAlgorithmFolder reads folders, not files",
                                  "Host.ImageFileIoAlgorithm"));
 }
-
-// ---------------------------------------------------------------------------------------------
-// FileLoader's failures: an empty list and a line naming the path.
-
-struct LoaderFailure
-{
-    std::string name;
-    std::string content; // empty: nothing is created
-    std::string reason;
-};
-
-class FileLoaderFailures : public ::testing::TestWithParam<LoaderFailure>, protected TempFolder
-{};
-
-TEST_P(FileLoaderFailures, GiveAnEmptyListAndNameThePath)
-{
-    std::string const path = file(GetParam().name);
-    if (!GetParam().content.empty())
-        std::ofstream(path, std::ios::binary) << GetParam().content;
-    Log::Capture capture;
-    OwningDataList data = IO::FileLoader::load(path);
-    EXPECT_TRUE(data.empty());
-    EXPECT_TRUE(capture.contains("Could not load '" + path + "': " + GetParam().reason, "Host.FileLoader"))
-        << ::testing::PrintToString(capture.messages());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Paths, FileLoaderFailures,
-    ::testing::Values(
-        LoaderFailure{"missing.nii", "", "the path does not exist"},
-        LoaderFailure{"notes.txt", "plain text", "no IO algorithm can load it"},
-        LoaderFailure{"broken.nrrd", "NRRD0004\ntype: float\n", "IO.NrrdIo failed with status Error"},
-        LoaderFailure{"broken.dcm", "not really", "DICOM.DicomIOAlgorithmFile failed with status Error"}));
 
 TEST(FileLoaderChoice, SeveralCompatibleAlgorithmsAreListedAndTheFirstIsUsed)
 {

@@ -14,7 +14,9 @@
 #include <Eigen/Geometry>
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <limits>
 #include <memory>
 #include <string>
@@ -45,6 +47,12 @@ public:
     ~TempFolder() { fs::remove_all(m_folder); }
     std::string file(std::string const& name) const { return (m_folder / name).string(); }
     std::string folder() const { return m_folder.string(); }
+    // Writes `bytes` into the file `name` of the folder; its path.
+    std::string writeBytes(std::string const& name, std::string const& bytes) const
+    {
+        std::ofstream(file(name), std::ios::binary) << bytes;
+        return file(name);
+    }
 
 private:
     fs::path m_folder;
@@ -58,16 +66,17 @@ inline Eigen::Matrix4d obliqueMatrix()
     return t.matrix();
 }
 
-// Values spread over the type's range (negative ones for signed types), the extremes included.
+// Values spread over the type's range (negative ones for signed types), the extremes included;
+// frames of another `seed` hold other values.
 template <class T>
 std::shared_ptr<SharedImage> patternFrame(Eigen::Vector3i const& size, int channels,
                                           Eigen::Matrix4d const& matrix,
-                                          Eigen::Vector3d const& spacing = {0.7, 1.1, 2.5})
+                                          Eigen::Vector3d const& spacing = {0.7, 1.1, 2.5}, int seed = 0)
 {
     auto pixels = TypedImage<T>::zeros(size, channels);
     T* values = pixels->pointer();
     for (std::size_t i = 0; i < pixels->valueCount(); ++i)
-        values[i] = static_cast<T>(static_cast<double>((static_cast<int>(i) * 37) % 251) -
+        values[i] = static_cast<T>(static_cast<double>((static_cast<int>(i) * 37 + seed) % 251) -
                                    100.0 * (std::numeric_limits<T>::is_signed ? 1 : 0));
     if (pixels->valueCount() > 2) {
         values[0] = std::numeric_limits<T>::lowest();
@@ -86,6 +95,24 @@ inline std::array<Eigen::Vector3d, 8> corners(Eigen::Vector3i const& size)
         result[static_cast<std::size_t>(i)] = Eigen::Vector3d(
             (i & 1) ? size.x() - 1 : 0, (i & 2) ? size.y() - 1 : 0, (i & 4) ? size.z() - 1 : 0);
     return result;
+}
+
+// Same type, size, channels and values, the same spacing along every axis with pixels along it
+// (a 2D file has none across its plane), and every corner at the same world position.
+inline void expectSameFrame(SharedImage const& expected, SharedImage const& actual)
+{
+    ASSERT_EQ(expected.pixelType(), actual.pixelType());
+    ASSERT_EQ(expected.dimensions(), actual.dimensions());
+    ASSERT_EQ(expected.channels(), actual.channels());
+    for (int axis = 0; axis < 3; ++axis) {
+        if (expected.dimensions()[axis] > 1) {
+            EXPECT_NEAR(expected.spacing()[axis], actual.spacing()[axis], 1e-6) << "axis " << axis;
+        }
+    }
+    EXPECT_EQ(0, std::memcmp(expected.mem()->data(), actual.mem()->data(), expected.mem()->byteSize()));
+    for (Eigen::Vector3d const& corner : corners(expected.dimensions()))
+        EXPECT_LT((expected.pixelToWorld(corner) - actual.pixelToWorld(corner)).norm(), 1e-5)
+            << "corner " << corner.transpose();
 }
 
 // The interpreter with Debian's nibabel and pydicom (the `python3` on PATH may be another).

@@ -177,6 +177,10 @@ TEST_P(PydicomFiles, SizesPlacementAndRescaledValuesAgree)
         EXPECT_LT((frame.pixelToWorld({0, 0, double(frames - 1)}) - expected).norm(), 1e-4);
     }
 
+    // CT comes in Hounsfield units (the intercept of CT_small needs a signed type).
+    if (pydicom.at("modality").get<std::string>() == "CT") {
+        EXPECT_EQ(Data::Modality::CT, read->modality());
+    }
     ASSERT_TRUE(pydicom.contains("samples")) << "pydicom could not decode " << path;
     for (json const& sample : pydicom.at("samples")) {
         int const row = sample.at(0).get<int>();
@@ -202,28 +206,6 @@ INSTANTIATE_TEST_SUITE_P(Files, PydicomFiles,
                              std::erase(name, '_');
                              return name;
                          });
-
-TEST(PydicomValues, ComputedTomographyComesInHounsfieldUnits)
-{
-    TempFolder scratch;
-    std::string why;
-    json const dirs = IoTest::runReference("data-dirs", why);
-    ASSERT_TRUE(dirs.is_object()) << why;
-    auto read = ImageFiles::read(dirs.at("pydicom").get<std::string>() + "/CT_small.dcm");
-    ASSERT_TRUE(read);
-    EXPECT_EQ(Data::Modality::CT, read->modality());
-    // Stored values are unsigned; the intercept of −1024 needs a signed type.
-    EXPECT_TRUE(read->get(0)->pixelType() == PixelType::Int ||
-                read->get(0)->pixelType() == PixelType::Short ||
-                read->get(0)->pixelType() == PixelType::Float);
-    double lowest = 0.0;
-    visitPixelType(read->get(0)->pixelType(), [&](auto tag) {
-        using T = decltype(tag);
-        auto const* values = static_cast<T const*>(read->get(0)->mem()->data());
-        lowest = *std::min_element(values, values + read->get(0)->mem()->valueCount());
-    });
-    EXPECT_LT(lowest, -500.0) << "air is far below zero in HU";
-}
 
 // ---------------------------------------------------------------------------------------------
 // A DICOM series folder written by pydicom

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <Eigen/Core>
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -40,33 +41,26 @@ private:
 
 enum class Color
 {
-    Red = 0,
-    Green = 1,
-    Blue = 2,
+    Red,
+    Green,
+    Blue,
 };
+
+std::vector<std::string> const kColors = {"Red", "Green", "Blue"};
 
 std::string colorToString(Color color)
 {
-    switch (color) {
-    case Color::Red:
-        return "Red";
-    case Color::Green:
-        return "Green";
-    case Color::Blue:
-        return "Blue";
-    }
-    throw std::runtime_error("no name for color " + std::to_string(static_cast<int>(color)));
+    if (static_cast<std::size_t>(color) >= kColors.size())
+        throw std::runtime_error("no name for color " + std::to_string(static_cast<int>(color)));
+    return kColors[static_cast<std::size_t>(color)];
 }
 
 Color stringToColor(std::string const& text)
 {
-    if (text == "Red")
-        return Color::Red;
-    if (text == "Green")
-        return Color::Green;
-    if (text == "Blue")
-        return Color::Blue;
-    throw std::runtime_error("Unknown color '" + text + "'");
+    auto const found = std::find(kColors.begin(), kColors.end(), text);
+    if (found == kColors.end())
+        throw std::runtime_error("Unknown color '" + text + "'");
+    return static_cast<Color>(found - kColors.begin());
 }
 
 Properties const kEmpty;
@@ -244,13 +238,8 @@ TEST_F(AdvancedParameterConfigure, UnreadableDeprecatedKeyAloneIsAnError)
 class EnumParameter : public AdvancedParameterConfigure
 {
 protected:
-    AdvancedParameter<Color, Owner> named{"color",
-                                          Color::Red,
-                                          &owner,
-                                          ParamRequired::No,
-                                          colorToString,
-                                          stringToColor,
-                                          {"Red", "Green", "Blue"}};
+    AdvancedParameter<Color, Owner> named{"color",       Color::Red,    &owner, ParamRequired::No,
+                                          colorToString, stringToColor, kColors};
     AdvancedParameter<Color, Owner> bare{"shade", Color::Red, &owner};
 };
 
@@ -299,13 +288,8 @@ TEST_F(EnumParameter, ConfigurationWritesNamesWithTheEnumerationKind)
     EXPECT_EQ(ParamType::kind(props.paramType("shade")), ParamType::Int);
 
     // What is written reads back.
-    AdvancedParameter<Color, Owner> other{"color",
-                                          Color::Red,
-                                          nullptr,
-                                          ParamRequired::Yes,
-                                          colorToString,
-                                          stringToColor,
-                                          {"Red", "Green", "Blue"}};
+    AdvancedParameter<Color, Owner> other{"color",       Color::Red,    nullptr, ParamRequired::Yes,
+                                          colorToString, stringToColor, kColors};
     EXPECT_TRUE(other.configure(&props));
     EXPECT_EQ(other.value(), Color::Blue);
 

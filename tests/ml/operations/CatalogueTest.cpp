@@ -35,7 +35,7 @@ protected:
     static void SetUpTestSuite() { registerOperations(); }
 };
 
-TEST_F(Catalogue, EveryNameCreatesItsOperationWithItsPolicyAndCopyingContract)
+TEST_F(Catalogue, EveryNameCreatesItsOperationWithItsPolicyAndContracts)
 {
     std::map<Policy, std::vector<std::string>> const policies = {
         {Policy::Everything,
@@ -53,7 +53,8 @@ TEST_F(Catalogue, EveryNameCreatesItsOperationWithItsPolicyAndCopyingContract)
         {"OneHot", {{"num_classes", 2}}},
         {"Inverse", {{"target_identifier", "x"}}},
         {"ResampleKeepingAspectRatio", {{"target_dim_x", 10}}}};
-    // Those that give a new set and leave their input as it was.
+    // Those that give a new set and leave their input as it was (only the padding operations can
+    // record how to undo themselves).
     std::set<std::string> const copies = {"Crop",
                                           "CutOut",
                                           "PolyCrop",
@@ -81,6 +82,7 @@ TEST_F(Catalogue, EveryNameCreatesItsOperationWithItsPolicyAndCopyingContract)
             EXPECT_EQ(operation->name(), name);
             EXPECT_EQ(operation->processingPolicy(), policy);
             EXPECT_EQ(operation->doesNotModifyInput(), copies.contains(name));
+            EXPECT_EQ(operation->supportsInversion(), name.starts_with("Pad"));
         }
     }
 }
@@ -147,11 +149,6 @@ struct ErrorCase
     Input input;
     std::string message; // after "[ML.<operation>] "; a prefix of it for the long ones
 };
-
-void PrintTo(ErrorCase const& c, std::ostream* os)
-{
-    *os << c.name;
-}
 
 class ProcessingErrors : public Catalogue, public ::testing::WithParamInterface<ErrorCase>
 {};
@@ -311,11 +308,6 @@ struct ConfigureCase
     Properties properties;
     std::string logged; // a part of the error line
 };
-
-void PrintTo(ConfigureCase const& c, std::ostream* os)
-{
-    *os << c.name;
-}
 
 class ConfigureErrors : public Catalogue, public ::testing::WithParamInterface<ConfigureCase>
 {};

@@ -1,6 +1,7 @@
 // Channel operations (Softmax, ConvertToGray, BakePhotometricInterpretation) against plain
 // reference loops, on the pixel types each accepts (stored with a shift and scale where that
-// matters). Their messages are in CatalogueTest.
+// matters). ConvertToGray on every pixel type is in PixelOperationsTest, the messages are in
+// CatalogueTest.
 
 #include "ml/operations/catalogue/ChannelOperations.h"
 
@@ -46,45 +47,6 @@ template <class T>
 class ChannelOperationsTyped : public ::testing::Test
 {};
 TYPED_TEST_SUITE(ChannelOperationsTyped, AllPixelTypes);
-
-TYPED_TEST(ChannelOperationsTyped, ConvertToGrayAveragesTheChannelsIntoOneOfTheSameTypeAndGeometry)
-{
-    Eigen::Vector3i const size(4, 3, 2);
-    auto const pixels = static_cast<std::size_t>(size.prod());
-    for (int channels = 1; channels <= 5; ++channels) {
-        SCOPED_TRACE(channels);
-        auto const stored0 = randomStored<TypeParam>(pixels * channels, 11 + channels);
-        auto const stored1 = randomStored<TypeParam>(pixels * channels, 31 + channels);
-        std::shared_ptr<SharedImageSet> set = std::make_shared<SharedImageSet>(
-            MLTest::placedFrame<TypeParam>(size, channels, stored0, kShift, kScale));
-        set->add(MLTest::placedFrame<TypeParam>(size, channels, stored1, kShift, kScale));
-        set->get(1)->setModality(Data::Modality::CT);
-
-        set = ConvertToGrayOperation().process(set);
-        ASSERT_EQ(set->size(), 2);
-        for (int f = 0; f < 2; ++f) {
-            SharedImage const& out = *set->get(f);
-            ASSERT_EQ(out.channels(), 1);
-            ASSERT_EQ(out.pixelType(), Utils::pixelTypeId<TypeParam>());
-            EXPECT_EQ(out.descriptor().shift, kShift);
-            EXPECT_EQ(out.descriptor().scale, kScale);
-            EXPECT_EQ(out.spacing(), Eigen::Vector3d(0.7, 1.1, 2.5));
-            EXPECT_TRUE(out.matrixToWorld().isApprox(MLTest::placedFrameMatrix()));
-            auto const& stored = f == 0 ? stored0 : stored1;
-            for (std::size_t p = 0; p < pixels; ++p) {
-                double total = 0.0;
-                for (int c = 0; c < channels; ++c)
-                    total += static_cast<double>(static_cast<TypeParam>(stored[p * channels + c]));
-                double expected = total / channels;
-                if constexpr (!std::is_floating_point_v<TypeParam>)
-                    expected = std::round(expected);
-                ASSERT_NEAR(storedAt(out, p), expected, std::abs(expected) * 1e-6)
-                    << "frame " << f << " pixel " << p;
-            }
-        }
-        EXPECT_EQ(set->get(1)->modality(), Data::Modality::CT);
-    }
-}
 
 TEST(ConvertToGray, RoundsIntegerAveragesToTheNearestValue)
 {

@@ -89,6 +89,7 @@ TEST(Factory, CreatesRegisteredTypesWithArgumentsAndLogsUnknownNames)
     factory.registerType<Shape>("Square", makeSquare);
     EXPECT_TRUE(capture.messages().empty()) << "registrations are quiet unless verbose";
     factory.setVerbose(true);
+    EXPECT_TRUE(factory.verbose());
     factory.registerType<Shape>("Circle", makeCircle);
     EXPECT_TRUE(capture.contains("Registering type: Circle", "ML.Factory"));
 
@@ -126,37 +127,23 @@ TEST(Factory, BuilderResultIsPassedOnAsIs)
     EXPECT_THROW(factory.create("Throws", 1), std::invalid_argument);
 }
 
-struct ReplacementCase
+TEST(Factory, SecondRegistrationUnderOneNameIsSkippedUnlessReplacementIsAllowed)
 {
-    bool allowReplacement;
-    std::string expectedKind;
-    std::string expectedWarning;
-};
-
-class FactoryReplacement : public ::testing::TestWithParam<ReplacementCase>
-{};
-
-TEST_P(FactoryReplacement, SecondRegistrationUnderOneName)
-{
-    ShapeFactory factory;
-    EXPECT_FALSE(factory.allowReplacement());
-    factory.setAllowReplacement(GetParam().allowReplacement);
-    factory.registerType<Shape>("Shape", makeSquare);
-
-    Log::Capture capture;
-    factory.registerType<Shape>("Shape", makeCircle);
-    EXPECT_EQ(factory.create("Shape", 1)->kind, GetParam().expectedKind);
-    EXPECT_TRUE(capture.contains(GetParam().expectedWarning, "ML.Factory"));
-    EXPECT_EQ(capture.records().at(0).level, Log::Warning);
-    EXPECT_EQ(factory.availableTypes().size(), 1u);
+    for (bool const allow : {false, true}) {
+        ShapeFactory factory;
+        EXPECT_FALSE(factory.allowReplacement());
+        factory.setAllowReplacement(allow);
+        factory.registerType<Shape>("Shape", makeSquare);
+        Log::Capture capture;
+        factory.registerType<Shape>("Shape", makeCircle);
+        EXPECT_EQ(factory.create("Shape", 1)->kind, allow ? "Circle" : "Square");
+        EXPECT_TRUE(capture.contains(allow ? "Re-registration: 'Shape' is already registered"
+                                           : "Skipping type registration: 'Shape' is already registered",
+                                     "ML.Factory"));
+        EXPECT_EQ(capture.records().at(0).level, Log::Warning);
+        EXPECT_EQ(factory.availableTypes().size(), 1u);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Modes, FactoryReplacement,
-    ::testing::Values(ReplacementCase{false, "Square",
-                                      "Skipping type registration: 'Shape' is already registered"},
-                      ReplacementCase{true, "Circle", "Re-registration: 'Shape' is already registered"}),
-    [](auto const& info) { return info.param.allowReplacement ? "Allowed" : "Refused"; });
 
 // ---------------------------------------------------------------------------------------------
 // Operation factories

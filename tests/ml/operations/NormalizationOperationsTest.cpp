@@ -1,7 +1,6 @@
-// Normalisation operations against plain reference loops on every pixel type (stored with a
-// shift and scale, compared in original intensities), their masks and edge cases, and the
-// statistics of NormalizeNormal on volumes large enough to be split between threads. Their
-// messages are in CatalogueTest.
+// The edge cases of the normalisation operations (their reference loops on every pixel type are in
+// PixelOperationsTest): masks, percentiles, worked examples, and the statistics of NormalizeNormal
+// on volumes large enough to be split between threads. Their messages are in CatalogueTest.
 
 #include "ml/operations/catalogue/NormalizationOperations.h"
 
@@ -34,117 +33,6 @@ std::shared_ptr<SharedImageSet> floatSet(std::vector<double> const& values, int 
     auto const pixels = static_cast<int>(values.size()) / channels;
     return std::make_shared<SharedImageSet>(
         MLTest::placedFrame<float>(Eigen::Vector3i(pixels, 1, 1), channels, values));
-}
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    std::size_t const n = values.size();
-    return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2.0;
-}
-
-// Per frame and channel: the original values, and the formula of each operation on them.
-using Channel = std::vector<double>;
-using Reference = std::function<std::vector<double>(Channel const& channel, Channel const& allChannels)>;
-
-struct Case
-{
-    std::string name;
-    std::function<std::unique_ptr<Operation>()> make;
-    Reference reference;
-};
-
-std::vector<Case> cases()
-{
-    auto const uniform = [](Channel const& x, Channel const& all) {
-        auto const [lo, hi] = std::minmax_element(all.begin(), all.end());
-        std::vector<double> out;
-        for (double v : x)
-            out.push_back((v - *lo) / (*hi - *lo) * (3.0 - -2.0) + -2.0);
-        return out;
-    };
-    auto const minMax = [](Channel const& x, Channel const&) {
-        auto const [lo, hi] = std::minmax_element(x.begin(), x.end());
-        std::vector<double> out;
-        for (double v : x)
-            out.push_back((v - *lo) / (*hi - *lo));
-        return out;
-    };
-    auto const mad = [](bool fix) {
-        return [fix](Channel const& x, Channel const&) {
-            double const m = median(x);
-            std::vector<double> deviations;
-            for (double v : x)
-                deviations.push_back(std::abs(v - m));
-            double const d = median(deviations);
-            std::vector<double> out;
-            for (double v : x)
-                out.push_back((v - m) / d + (fix ? m : 0.0));
-            return out;
-        };
-    };
-    return {
-        {"NormalizeUniform", [] { return std::make_unique<NormalizeUniformOperation>(-2.0F, 3.0F); },
-         uniform},
-        {"NormalizePercentileFullRange",
-         [] { return std::make_unique<NormalizePercentileOperation>(0.0F, 1.0F, true, false); }, minMax},
-        {"NormalizeMAD", [] { return std::make_unique<NormalizeMADOperation>(); }, mad(false)},
-        {"NormalizeMADFixMedian",
-         [] {
-             auto operation = std::make_unique<NormalizeMADOperation>();
-             operation->p_fixMedian.setValue(true);
-             return operation;
-         },
-         mad(true)},
-    };
-}
-
-} // namespace
-
-template <class T>
-class NormalizationOperationsTest : public ::testing::Test
-{};
-TYPED_TEST_SUITE(NormalizationOperationsTest, AllPixelTypes);
-
-TYPED_TEST(NormalizationOperationsTest, MatchAReferenceLoopPerFrameAndChannel)
-{
-    auto const count = static_cast<std::size_t>(kSize.prod() * kChannels);
-    for (Case const& c : cases()) {
-        SCOPED_TRACE(c.name);
-        std::vector<std::vector<double>> const stored = {randomStored<TypeParam>(count, 5),
-                                                         randomStored<TypeParam>(count, 6)};
-        auto set = std::make_shared<SharedImageSet>();
-        for (auto const& values : stored)
-            set->add(MLTest::placedFrame<TypeParam>(kSize, kChannels, values, kShift, kScale));
-        auto const input = set;
-        Log::Capture capture;
-        set = c.make()->process(set);
-        ASSERT_NE(set, nullptr);
-        ASSERT_EQ(set->size(), 2);
-        for (int f = 0; f < 2; ++f) {
-            SharedImage const& out = *set->get(f);
-            ASSERT_EQ(out.pixelType(), PixelType::Float);
-            EXPECT_TRUE(out.matrixToWorld().isApprox(MLTest::placedFrameMatrix()));
-            EXPECT_EQ(out.spacing(), Eigen::Vector3d(0.7, 1.1, 2.5));
-            Channel all;
-            std::vector<Channel> channels(kChannels);
-            all = originalsOf<TypeParam>(stored[f]);
-            for (std::size_t i = 0; i < count; ++i)
-                channels[i % kChannels].push_back(all[i]);
-            for (int ch = 0; ch < kChannels; ++ch) {
-                std::vector<double> const expected = c.reference(channels[ch], all);
-                for (std::size_t p = 0; p < expected.size(); ++p) {
-                    double const actual = originalAt(out, p * kChannels + ch);
-                    ASSERT_NEAR(actual, expected[p], 1e-5 * std::max(1.0, std::abs(expected[p])))
-                        << "frame " << f << " channel " << ch << " pixel " << p;
-                }
-            }
-        }
-        // Integer input is converted, never written in place.
-        if constexpr (!std::is_floating_point_v<TypeParam>) {
-            EXPECT_EQ(input->get(0)->pixelType(), Utils::pixelTypeId<TypeParam>());
-        }
-    }
 }
 
 TEST(GammaCorrection, KeepsTheRangeOfTheImage)
@@ -386,3 +274,5 @@ TEST(NormalizeMAD, WarnsWhenForcedToTheGpuAndRunsOnTheCpu)
                                  "ML.NormalizeMAD"));
     EXPECT_NEAR(storedAt(*set->get(0), 0), -1.0, 1e-6) << "it still ran, on the CPU";
 }
+
+} // namespace

@@ -97,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Operation::FieldSet{"boxes", "kpts"}, Fields{"kpts", "boxes"}}),
     [](auto const& info) { return info.param.label; });
 
-TEST(OperationSelection, SelectedFieldsIsNoSetForEverythingAndASetOtherwise)
+TEST(OperationSelection, SelectedFieldsAreNoSetForEverythingAndASetOtherwiseAndAreLogged)
 {
     DataItem item = makeFullItem();
     PassOperation everything(Policy::Everything);
@@ -109,6 +109,13 @@ TEST(OperationSelection, SelectedFieldsIsNoSetForEverythingAndASetOtherwise)
     auto const selected = onlyLabels.selectedFields(inputsOnly);
     ASSERT_TRUE(selected.has_value());
     EXPECT_TRUE(selected->empty());
+
+    int const savedLevel = Log::g_globalLevel;
+    Log::g_globalLevel = Log::Debug;
+    Log::Capture capture;
+    onlyLabels.process(item);
+    Log::g_globalLevel = savedLevel;
+    EXPECT_TRUE(capture.contains("Selected fields: [label, label_kpts, ]", "ML.Pass"));
 }
 
 TEST(OperationSelection, AllLabelsUnderEverythingButLabelsWarnsAndChangesNothing)
@@ -152,21 +159,9 @@ TEST(OperationSelection, MissingFieldIsWarnedAboutOrInErrorModeThrowsBeforeAnyth
     EXPECT_EQ(pixel(item, "image"), before + 1.0F);
 }
 
-TEST(OperationSelection, SelectedFieldsAreLoggedAtDebugLevel)
-{
-    int const savedLevel = Log::g_globalLevel;
-    Log::g_globalLevel = Log::Debug;
-    PassOperation operation(Policy::OnlyLabels);
-    DataItem item = makeFullItem();
-    Log::Capture capture;
-    operation.process(item);
-    Log::g_globalLevel = savedLevel;
-    EXPECT_TRUE(capture.contains("Selected fields: [label, label_kpts, ]", "ML.Pass"));
-}
-
 // ---- Dispatch ---------------------------------------------------------------------------------
 
-TEST(OperationDispatch, ImagesAndVectorsReachTheirVirtualsAndLabelsStay)
+TEST(OperationDispatch, ImagesAndVectorsReachTheirVirtualsAndUnimplementedKindsAreRefused)
 {
     AddOneOperation operation;
     DataItem item;
@@ -185,14 +180,9 @@ TEST(OperationDispatch, ImagesAndVectorsReachTheirVirtualsAndLabelsStay)
     EXPECT_EQ(pixel(item, "label"), label);
     // Content is handed over, not copied: the element holds the same set as before.
     EXPECT_EQ(item.get<SISBasedElement>("image")->sis().get(), imageSet);
-}
 
-TEST(OperationDispatch, AnOperationWithoutProcessPointsRefusesKeypointsEvenUnderEverything)
-{
-    AddOneOperation operation;
+    // An operation without processPoints refuses keypoints even under Everything.
     operation.setProcessingPolicy(Policy::Everything);
-    DataItem item;
-    item.set("image", makeSet(1));
     item.set("kpts", makeKeypoints());
     EXPECT_EQ(exceptionText([&] { operation.process(item); }),
               "[ML.AddOne] Not implemented for points data elements");
@@ -202,37 +192,22 @@ TEST(OperationDispatch, AnOperationWithoutProcessPointsRefusesKeypointsEvenUnder
     EXPECT_NO_THROW(operation.process(item));
 }
 
-struct NotImplementedCase
-{
-    std::string label;
-    std::function<void(DataItem&)> fill;
-    std::string message;
-};
-
-class NotImplementedTest : public ::testing::TestWithParam<NotImplementedCase>
-{};
-
-TEST_P(NotImplementedTest, BaseVirtualThrowsWithTheOperationsName)
+TEST(OperationDispatch, BaseVirtualsThrowNamingTheOperationAndTheElementKind)
 {
     NothingOperation operation;
-    DataItem item;
-    GetParam().fill(item);
-    EXPECT_EQ(exceptionText([&] { operation.process(item); }), "[ML.Nothing] " + GetParam().message);
+    std::vector<std::pair<std::string, std::function<void(DataItem&)>>> const kinds = {
+        {"image", [](DataItem& item) { item.set("x", makeSet(1)); }},
+        {"vector", [](DataItem& item) { item.set("x", makeVectorSet(1)); }},
+        {"boxes", [](DataItem& item) { item.set("x", makeBoxes()); }},
+        {"points", [](DataItem& item) { item.set("x", makeKeypoints()); }},
+        {"tensor", [](DataItem& item) { item.set("x", makeTensors()); }}};
+    for (auto const& [kind, fill] : kinds) {
+        DataItem item;
+        fill(item);
+        EXPECT_EQ(exceptionText([&] { operation.process(item); }),
+                  "[ML.Nothing] Not implemented for " + kind + " data elements");
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    ElementKinds, NotImplementedTest,
-    ::testing::Values(NotImplementedCase{"Image", [](DataItem& item) { item.set("x", makeSet(1)); },
-                                         "Not implemented for image data elements"},
-                      NotImplementedCase{"Vector", [](DataItem& item) { item.set("x", makeVectorSet(1)); },
-                                         "Not implemented for vector data elements"},
-                      NotImplementedCase{"Boxes", [](DataItem& item) { item.set("x", makeBoxes()); },
-                                         "Not implemented for boxes data elements"},
-                      NotImplementedCase{"Points", [](DataItem& item) { item.set("x", makeKeypoints()); },
-                                         "Not implemented for points data elements"},
-                      NotImplementedCase{"Tensors", [](DataItem& item) { item.set("x", makeTensors()); },
-                                         "Not implemented for tensor data elements"}),
-    [](auto const& info) { return info.param.label; });
 
 TEST(OperationDispatch, RequiredTypesMissingOrWrongThrowAndLogTheField)
 {
@@ -261,7 +236,7 @@ TEST(OperationDispatch, RequiredTypesMissingOrWrongThrowAndLogTheField)
 
 // ---- Hooks ------------------------------------------------------------------------------------
 
-TEST(OperationHooks, RunInOrderAroundEachElementAndOneShotListsEmptyAfterwards)
+TEST(OperationHooks, RunInOrderAroundEachElementAndOneShotListsEmptyAfterwardsUnlessProcessingThrows)
 {
     PassOperation operation;
     std::vector<std::string> calls;
@@ -289,18 +264,11 @@ TEST(OperationHooks, RunInOrderAroundEachElementAndOneShotListsEmptyAfterwards)
     calls.clear();
     operation.process(item);
     EXPECT_EQ(calls.size(), 4U);
-}
 
-TEST(OperationHooks, OneShotHooksStayWhenProcessingThrows)
-{
-    NothingOperation operation;
-    int calls = 0;
-    operation.oneShotPreProcessHooks().push_back([&](Operation&, DataElement*) { ++calls; });
-    DataItem item;
-    item.set("image", makeSet(1));
-    EXPECT_THROW(operation.process(item), OperationException);
-    EXPECT_EQ(calls, 1);
-    EXPECT_EQ(operation.oneShotPreProcessHooks().size(), 1U);
+    NothingOperation throwing;
+    throwing.oneShotPreProcessHooks().push_back([](Operation&, DataElement*) {});
+    EXPECT_THROW(throwing.process(item), OperationException);
+    EXPECT_EQ(throwing.oneShotPreProcessHooks().size(), 1U);
 }
 
 int g_recordCalls = 0;
@@ -357,7 +325,7 @@ TEST(OperationSingleElement, ImageSetIsProcessedWhateverThePolicyAndApplyToIsRes
     EXPECT_FALSE(nothing.applyTo().has_value());
 }
 
-TEST(OperationSingleElement, NullOrEmptyInputGivesNullWithAnError)
+TEST(OperationSingleElement, NullOrEmptyInputGivesNullWithAnErrorAndAUniqueSetGivesANewSet)
 {
     AddOneOperation operation;
     Log::Capture capture;
@@ -370,11 +338,7 @@ TEST(OperationSingleElement, NullOrEmptyInputGivesNullWithAnError)
     EXPECT_EQ(points.process(std::shared_ptr<KeypointSet>()), nullptr);
     EXPECT_EQ(points.process(std::shared_ptr<BoundingBoxSet>()), nullptr);
     EXPECT_EQ(capture.count("Invalid input", "ML.Operation"), 2);
-}
 
-TEST(OperationSingleElement, UniqueSetResultIsANewSetSharingTheProcessedFrames)
-{
-    AddOneOperation operation;
     auto input = std::unique_ptr<SharedImageSet>(makeSet(1)->clone(SharedImageSet::CloneOption::ShareFrames));
     auto const* frame = input->get(0);
     float const before = firstValue(*frame);
@@ -517,7 +481,7 @@ TEST_F(OperationConfigure, BaseKeysDeprecatedNamesAndManualParametersAreNotUnkno
     EXPECT_FALSE(capture.containsFragment("was specified but not used"));
 }
 
-TEST_F(OperationConfigure, DeprecatedProcessLabelWarnsAndSetsThePolicy)
+TEST_F(OperationConfigure, PolicyByNameOrNumberAndTheDeprecatedProcessLabel)
 {
     EXPECT_TRUE(operation.configure(Properties{{"process_label", 1}}));
     EXPECT_EQ(operation.processingPolicy(), Policy::Everything);
@@ -530,10 +494,7 @@ TEST_F(OperationConfigure, DeprecatedProcessLabelWarnsAndSetsThePolicy)
     EXPECT_TRUE(other.configure(Properties{{"processing_policy", 2}, {"process_label", 1}}));
     EXPECT_EQ(other.processingPolicy(), Policy::OnlyLabels);
     EXPECT_FALSE(capture.containsFragment("deprecated"));
-}
 
-TEST_F(OperationConfigure, PolicyByNameAndOutOfRange)
-{
     EXPECT_TRUE(operation.configure(Properties{{"processing_policy", "everything"}}));
     EXPECT_EQ(operation.processingPolicy(), Policy::Everything);
 
@@ -550,7 +511,7 @@ TEST_F(OperationConfigure, PolicyByNameAndOutOfRange)
                                  "ML.AddOne"));
 }
 
-TEST_F(OperationConfigure, BadDeviceStopsAtOnce)
+TEST_F(OperationConfigure, BadDeviceStopsAtOnceOtherUnreadableBaseValuesFailButTheRestIsRead)
 {
     EXPECT_FALSE(operation.configure(Properties{{"device", "tpu"}, {"amount", 5}}));
     EXPECT_TRUE(
@@ -559,10 +520,7 @@ TEST_F(OperationConfigure, BadDeviceStopsAtOnce)
                          "ML.Operation"));
     EXPECT_EQ(operation.p_amount.value(), 1.0);
     EXPECT_EQ(operation.computingDevice(), ComputingDevice::GPUIfOpenGl);
-}
 
-TEST_F(OperationConfigure, UnreadableBaseValuesFailButTheRestIsRead)
-{
     EXPECT_FALSE(operation.configure(Properties{{"seed", "abc"}, {"amount", 6}}));
     EXPECT_TRUE(capture.contains("Wrong value for parameter 'seed': 'abc' is not an unsigned 32-bit integer.",
                                  "ML.AddOne"));
@@ -594,10 +552,7 @@ TEST_F(OperationConfigure, EveryBadParameterIsReportedInOnePass)
     EXPECT_TRUE(capture.contains("Missing required configure parameter 'size'", "ML.Required"));
     EXPECT_TRUE(
         capture.contains("Parameter 'bad' could not be parsed, please check the syntax", "ML.Required"));
-}
 
-TEST_F(OperationConfigure, ConfigureOnlyWithNoParametersSucceeds)
-{
     EXPECT_TRUE(operation.configureOnly(Properties{{"amount", "not a number"}}, {}));
     EXPECT_FALSE(operation.configureOnly(Properties{{"amount", "not a number"}}, {&operation.p_amount}));
 }

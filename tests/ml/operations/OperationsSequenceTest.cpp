@@ -79,32 +79,27 @@ TEST(OperationsSequence, EmptySequenceSucceedsAndANullOperationCannotBeAdded)
     EXPECT_TRUE(sequence.operations().empty());
 }
 
-struct PhaseCase
+TEST(OperationsSequence, OperationsRunOnlyWhenTheirPhasesMeetTheRun)
 {
-    Phase entryPhase;
-    Phase runPhase;
-    bool runs;
-};
-
-class OperationsSequencePhases : public ::testing::TestWithParam<PhaseCase>
-{};
-
-TEST_P(OperationsSequencePhases, RunOnlyWhenPhasesMeet)
-{
-    OperationsSequence sequence;
-    ASSERT_FALSE(sequence.addOperation(addOne(), GetParam().entryPhase).has_value());
-    DataItem item = imageItem();
-    EXPECT_FALSE(sequence.process(item, GetParam().runPhase).has_value());
-    EXPECT_EQ(firstPixel(item), GetParam().runs ? 1.0f : 0.0f);
+    struct Case
+    {
+        Phase entry;
+        Phase run;
+        bool runs;
+    };
+    for (Case const& c :
+         {Case{Phase::Training, Phase::Inference, false}, Case{Phase::Always, Phase::Inference, true},
+          Case{Phase::Training | Phase::Validation, Phase::Validation, true},
+          Case{Phase::Training | Phase::Validation, Phase::Inference, false},
+          Case{Phase::Inference, Phase::Inference, true}}) {
+        OperationsSequence sequence;
+        ASSERT_FALSE(sequence.addOperation(addOne(), c.entry).has_value());
+        DataItem item = imageItem();
+        EXPECT_FALSE(sequence.process(item, c.run).has_value());
+        EXPECT_EQ(firstPixel(item), c.runs ? 1.0f : 0.0f)
+            << phaseToString(c.entry) << " in " << phaseToString(c.run);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, OperationsSequencePhases,
-    ::testing::Values(PhaseCase{Phase::Training, Phase::Inference, false},
-                      PhaseCase{Phase::Always, Phase::Inference, true},
-                      PhaseCase{Phase::Training | Phase::Validation, Phase::Validation, true},
-                      PhaseCase{Phase::Training | Phase::Validation, Phase::Inference, false},
-                      PhaseCase{Phase::Inference, Phase::Inference, true}));
 
 TEST(OperationsSequence, FailureClearsTheItemAndNamesEveryOperation)
 {

@@ -57,11 +57,6 @@ struct PadCase
     Eigen::Vector3i expectedDims;
 };
 
-void PrintTo(PadCase const& c, std::ostream* os)
-{
-    *os << c.name;
-}
-
 class PadGeometry : public ::testing::TestWithParam<PadCase>
 {};
 
@@ -91,27 +86,22 @@ TEST_P(PadGeometry, KeepsWorldPositionsAndFillsBordersByTheMode)
         for (int a = 0; a < 3; ++a)
             if (c.dims[a] == 1 && !c.allowDimensionChange)
                 low[a] = 0;
-        for (int z = 0; z < out.slices(); ++z)
-            for (int y = 0; y < out.height(); ++y)
-                for (int x = 0; x < out.width(); ++x) {
-                    Eigen::Vector3i const q(x, y, z);
-                    Eigen::Vector3i const s = q - low;
-                    Eigen::Vector3i src;
-                    for (int a = 0; a < 3; ++a)
-                        src[a] = referenceSource(s[a], c.dims[a], c.mode);
-                    for (int ch = 0; ch < 2; ++ch) {
-                        double const expected = (src.array() < 0).any() ? kFill : valueAt(in, src, ch);
-                        ASSERT_EQ(valueAt(out, q, ch), expected)
-                            << "pixel " << q.transpose() << " channel " << ch;
-                    }
-                    if ((s.array() >= 0).all() && (s.array() < c.dims.array()).all()) {
-                        ASSERT_LT(
-                            (conventionWorld(out, q.cast<double>()) - conventionWorld(in, s.cast<double>()))
-                                .norm(),
-                            1e-9)
-                            << "pixel " << q.transpose();
-                    }
-                }
+        forEachPixel(out.dimensions(), [&](Eigen::Vector3i const& q) {
+            Eigen::Vector3i const s = q - low;
+            Eigen::Vector3i src;
+            for (int a = 0; a < 3; ++a)
+                src[a] = referenceSource(s[a], c.dims[a], c.mode);
+            for (int ch = 0; ch < 2; ++ch) {
+                double const expected = (src.array() < 0).any() ? kFill : valueAt(in, src, ch);
+                ASSERT_EQ(valueAt(out, q, ch), expected) << "pixel " << q.transpose() << " channel " << ch;
+            }
+            if ((s.array() >= 0).all() && (s.array() < c.dims.array()).all()) {
+                ASSERT_LT(
+                    (conventionWorld(out, q.cast<double>()) - conventionWorld(in, s.cast<double>())).norm(),
+                    1e-9)
+                    << "pixel " << q.transpose();
+            }
+        });
     }
 }
 
@@ -167,11 +157,6 @@ struct LabelCase
     float expectedBorder; // value of padded pixel (0, 0, 0); the ramp's first value is 1
 };
 
-void PrintTo(LabelCase const& c, std::ostream* os)
-{
-    *os << c.name;
-}
-
 class PadLabels : public ::testing::TestWithParam<LabelCase>
 {};
 
@@ -218,11 +203,6 @@ struct WarningCase
     Properties properties;
     Warnings expected;
 };
-
-void PrintTo(WarningCase const& c, std::ostream* os)
-{
-    *os << c.name;
-}
 
 class PadWarnings : public ::testing::TestWithParam<WarningCase>
 {};
@@ -287,78 +267,53 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- PadDims and PadDimsToNextMultiple ---------------------------------------------------------------
 
-struct DimsCase
+TEST(PadDims, SplitsTheDifferenceAndKeepsTheCentre)
 {
-    std::string name;
-    Eigen::Vector3i dims;
-    Eigen::Vector3i target;
-    PaddingDoneInfo::PadSize expected;
-};
-
-void PrintTo(DimsCase const& c, std::ostream* os)
-{
-    *os << c.name;
+    struct Case
+    {
+        Eigen::Vector3i dims;
+        Eigen::Vector3i target;
+        PaddingDoneInfo::PadSize expected;
+    };
+    for (Case const& c : {Case{{5, 3, 2}, {8, 3, 2}, {{{1, 2}, {0, 0}, {0, 0}}}},
+                          Case{{7, 3, 2}, {4, 3, 2}, {{{-1, -2}, {0, 0}, {0, 0}}}},
+                          Case{{6, 9, 2}, {9, 4, 5}, {{{1, 2}, {-2, -3}, {1, 2}}}}}) {
+        SCOPED_TRACE(c.target.transpose());
+        EXPECT_EQ(PadDimsOperation::padSizeFor(c.dims, c.target), c.expected);
+        PadDimsOperation padDims(c.target);
+        padDims.p_allowDimensionChange.setValue(true);
+        auto const input = rampSet(c.dims);
+        auto const output = padDims.process(input);
+        ASSERT_EQ(output->get(0)->dimensions(), c.target);
+        // The first kept pixel shows the input pixel at -low (or 0 when padded) and sits where it did.
+        Eigen::Vector3i const low(c.expected[0].first, c.expected[1].first, c.expected[2].first);
+        Eigen::Vector3i const q = low.cwiseMax(0);
+        Eigen::Vector3i const p = q - low;
+        EXPECT_EQ(valueAt(*output->get(0), q), valueAt(*input->get(0), p));
+        EXPECT_LT((conventionWorld(*output->get(0), q.cast<double>()) -
+                   conventionWorld(*input->get(0), p.cast<double>()))
+                      .norm(),
+                  1e-9);
+    }
 }
 
-class PadDimsSizes : public ::testing::TestWithParam<DimsCase>
-{};
-
-TEST_P(PadDimsSizes, SplitTheDifferenceAndKeepTheCentre)
+TEST(PadDimsToNextMultiple, RoundsEachAxisUpToItsDivisorButKeepsFlatAxes)
 {
-    DimsCase const& c = GetParam();
-    EXPECT_EQ(PadDimsOperation::padSizeFor(c.dims, c.target), c.expected);
-
-    PadDimsOperation padDims(c.target);
-    padDims.p_allowDimensionChange.setValue(true);
-    auto const input = rampSet(c.dims);
-    auto const output = padDims.process(input);
-    ASSERT_EQ(output->get(0)->dimensions(), c.target);
-    // The first kept pixel shows the input pixel at -low (or 0 when padded) and sits where it did.
-    Eigen::Vector3i const low(c.expected[0].first, c.expected[1].first, c.expected[2].first);
-    Eigen::Vector3i const q = low.cwiseMax(0);
-    Eigen::Vector3i const p = q - low;
-    EXPECT_EQ(valueAt(*output->get(0), q), valueAt(*input->get(0), p));
-    EXPECT_LT((conventionWorld(*output->get(0), q.cast<double>()) -
-               conventionWorld(*input->get(0), p.cast<double>()))
-                  .norm(),
-              1e-9);
+    struct Case
+    {
+        Eigen::Vector3i dims;
+        Eigen::Vector3i divisor;
+        Eigen::Vector3i expected;
+    };
+    for (Case const& c : {Case{{33, 16, 3}, {16, 16, 4}, {48, 16, 4}}, Case{{7, 5, 1}, {4, 2, 8}, {8, 6, 8}},
+                          Case{{9, 10, 2}, {1, 3, 2}, {9, 12, 2}}}) {
+        PadDimsToNextMultipleOperation padNext(c.divisor);
+        EXPECT_EQ(padNext.calculateTargetDims(c.dims), c.expected);
+        // An axis of one pixel is kept unless dimension changes are allowed.
+        Eigen::Vector3i const kept = (c.dims.array() == 1).select(Eigen::Vector3i::Ones(), c.expected);
+        EXPECT_EQ(padNext.process(rampSet(c.dims))->get(0)->dimensions(), kept);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    PadDims, PadDimsSizes,
-    ::testing::Values(DimsCase{"EightOnFive", {5, 3, 2}, {8, 3, 2}, {{{1, 2}, {0, 0}, {0, 0}}}},
-                      DimsCase{"FourOnSeven", {7, 3, 2}, {4, 3, 2}, {{{-1, -2}, {0, 0}, {0, 0}}}},
-                      DimsCase{"MixedAxes", {6, 9, 2}, {9, 4, 5}, {{{1, 2}, {-2, -3}, {1, 2}}}}),
-    [](auto const& info) { return info.param.name; });
-
-struct MultipleCase
-{
-    Eigen::Vector3i dims;
-    Eigen::Vector3i divisor;
-    Eigen::Vector3i expected;
-};
-
-class PadToMultiple : public ::testing::TestWithParam<MultipleCase>
-{};
-
-TEST_P(PadToMultiple, RoundsEachAxisUpToItsDivisor)
-{
-    MultipleCase const& c = GetParam();
-    PadDimsToNextMultipleOperation padNext(c.divisor);
-    EXPECT_EQ(padNext.calculateTargetDims(c.dims), c.expected);
-    auto const output = padNext.process(rampSet(c.dims));
-    // An axis of one pixel is kept unless dimension changes are allowed.
-    Eigen::Vector3i expected = c.expected;
-    for (int a = 0; a < 3; ++a)
-        if (c.dims[a] == 1)
-            expected[a] = 1;
-    EXPECT_EQ(output->get(0)->dimensions(), expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(PadDimsToNextMultiple, PadToMultiple,
-                         ::testing::Values(MultipleCase{{33, 16, 3}, {16, 16, 4}, {48, 16, 4}},
-                                           MultipleCase{{7, 5, 1}, {4, 2, 8}, {8, 6, 8}},
-                                           MultipleCase{{9, 10, 2}, {1, 3, 2}, {9, 12, 2}}));
 
 // ---- Inversion round trips -----------------------------------------------------------------------
 // The steps only add pixels: what a negative padding removed cannot come back.
@@ -371,11 +326,6 @@ struct RoundTripCase
     std::string inverseName;
     bool exactMatrix; // UndoPadding restores the recorded matrix exactly
 };
-
-void PrintTo(RoundTripCase const& c, std::ostream* os)
-{
-    *os << c.name;
-}
 
 class PadRoundTrip : public ::testing::TestWithParam<RoundTripCase>
 {
@@ -464,53 +414,34 @@ TEST(PadInverseSpecs, NegateTheSizesAndDropTheIdentifier)
 
 // ---- UndoPadding ---------------------------------------------------------------------------------
 
-struct UndoCase
+TEST(UndoPadding, WithoutWorkWarnsAndReturnsTheInputOrFailsInErrorMode)
 {
-    std::string name;
-    std::string identifier;
-    int setup; // 0: no component, 1: component without the identifier, 2: info without context
-    std::string expected;
-};
-
-void PrintTo(UndoCase const& c, std::ostream* os)
-{
-    *os << c.name;
-}
-
-class UndoPaddingNoWork : public ::testing::TestWithParam<UndoCase>
-{};
-
-TEST_P(UndoPaddingNoWork, WarnsAndReturnsTheInput)
-{
-    UndoCase const& c = GetParam();
-    auto const input = rampSet({4, 4, 1});
-    if (c.setup >= 1)
-        input->components().getOrCreate<InversionComponent>();
-    if (c.setup == 2)
-        input->components().get<InversionComponent>()->recordInversion(
-            "pad", Operation::Specs{"UndoPadding", {}, Phase::Always});
-    UndoPaddingOperation undo(c.identifier);
+    struct Case
     {
+        std::string identifier;
+        int setup; // 0: no component, 1: component without the identifier, 2: info without context
+        std::string expected;
+    };
+    for (Case const& c :
+         {Case{"", 1, "No target identifier specified. Skipping UndoPadding."},
+          Case{"pad", 0, "Input has no Inversion data component. No padding was performed on this image."},
+          Case{"other", 2, "InversionComponent has no info associated with the identifier `other`"},
+          Case{"pad", 2, "InversionComponent has an associated info with no context properties"}}) {
+        SCOPED_TRACE(c.expected);
+        auto const input = rampSet({4, 4, 1});
+        if (c.setup >= 1)
+            input->components().getOrCreate<InversionComponent>();
+        if (c.setup == 2)
+            input->components().get<InversionComponent>()->recordInversion(
+                "pad", Operation::Specs{"UndoPadding", {}, Phase::Always});
+        UndoPaddingOperation undo(c.identifier);
         Log::Capture capture;
         EXPECT_EQ(undo.process(input), input);
         EXPECT_EQ(messagesOf(capture, "ML.UndoPadding"), std::vector<std::string>{c.expected});
+        undo.setErrorOnUnexpectedBehaviour(true);
+        EXPECT_EQ(errorOf(undo, input), "[ML.UndoPadding] " + c.expected);
     }
-    undo.setErrorOnUnexpectedBehaviour(true);
-    Log::Capture capture;
-    EXPECT_EQ(errorOf(undo, input), "[ML.UndoPadding] " + c.expected);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    UndoPadding, UndoPaddingNoWork,
-    ::testing::Values(
-        UndoCase{"NoIdentifier", "", 1, "No target identifier specified. Skipping UndoPadding."},
-        UndoCase{"NoComponent", "pad", 0,
-                 "Input has no Inversion data component. No padding was performed on this image."},
-        UndoCase{"NoInfo", "other", 2,
-                 "InversionComponent has no info associated with the identifier `other`"},
-        UndoCase{"NoContext", "pad", 2,
-                 "InversionComponent has an associated info with no context properties"}),
-    [](auto const& info) { return info.param.name; });
 
 TEST(UndoPadding, RefusesAnotherFrameCountAndUndoesDirectly)
 {

@@ -76,11 +76,6 @@ struct ParseCase
     Tree expected;
 };
 
-std::ostream& operator<<(std::ostream& out, ParseCase const& c)
-{
-    return out << c.label;
-}
-
 class PropertiesYAMLParse : public ::testing::TestWithParam<ParseCase>
 {};
 
@@ -99,30 +94,29 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         ParseCase{"ScalarItem", "- Foo\n", {"", {}, {{"Foo"}}}},
         ParseCase{"FirstKeyNamesItemAndStoresValue", "- Foo: 3\n", {"", {}, {{"Foo", {{"Foo", text("3")}}}}}},
-        ParseCase{"NullValueStoresNothing",
-                  "- Foo:\n    a: ~\n    b: 2\n",
-                  {"", {}, {{"Foo", {{"b", text("2")}}}}}},
-        ParseCase{
-            "MixedListStaysList", "- Foo: {v: [a, 1]}\n", {"", {}, {{"Foo", {{"v", list({"a", "1"})}}}}}},
-        ParseCase{"NumericListBecomesVectorText",
-                  "- Foo: {v: [1, 2.5]}\n",
-                  {"", {}, {{"Foo", {{"v", text("1 2.5")}}}}}},
-        ParseCase{"QuotedNumbersAreNumbersToo",
-                  "- Foo: {v: ['1', \"-2e3\"]}\n",
-                  {"", {}, {{"Foo", {{"v", text("1 -2e3")}}}}}},
-        ParseCase{"ScalarHoldingSeveralNumbers",
-                  "- Foo: {v: ['1  2', 3]}\n",
-                  {"", {}, {{"Foo", {{"v", text("1 2 3")}}}}}},
-        ParseCase{"EmptyListIsEmptyText", "- Foo: {v: []}\n", {"", {}, {{"Foo", {{"v", text("")}}}}}},
-        ParseCase{
-            "FlowMatrix", "- Foo: {m: [[1, 2], [3, 4]]}\n", {"", {}, {{"Foo", {{"m", text("[1 2, 3 4]")}}}}}},
+        // A null value stores nothing; a list of numbers (quoted or not, several in one scalar)
+        // becomes vector text, a list of lists a matrix; other lists stay lists, flattened, with
+        // null items empty.
+        ParseCase{"ValueForms",
+                  "- Foo:\n    a: ~\n    b: 2\n    mixed: [a, 1]\n    numbers: [1, 2.5]\n    quoted: ['1', "
+                  "\"-2e3\"]\n"
+                  "    several: ['1  2', 3]\n    empty: []\n    matrix: [[1, 2], [3, 4]]\n    nested: [[a, "
+                  "b], [c]]\n"
+                  "    nulls: [a, ~]\n",
+                  {"",
+                   {},
+                   {{"Foo",
+                     {{"b", text("2")},
+                      {"mixed", list({"a", "1"})},
+                      {"numbers", text("1 2.5")},
+                      {"quoted", text("1 -2e3")},
+                      {"several", text("1 2 3")},
+                      {"empty", text("")},
+                      {"matrix", text("[1 2, 3 4]")},
+                      {"nested", list({"a", "b", "c"})},
+                      {"nulls", list({"a", ""})}}}}}},
         ParseCase{
             "BlockMatrix", "m:\n  - - 1\n    - 0\n  - - 0\n    - 1\n", {"m", {{"m", text("[1 0, 0 1]")}}}},
-        ParseCase{"NestedTextListIsFlattened",
-                  "- Foo: {v: [[a, b], [c]]}\n",
-                  {"", {}, {{"Foo", {{"v", list({"a", "b", "c"})}}}}}},
-        ParseCase{
-            "NullInListIsEmptyItem", "- Foo: {v: [a, ~]}\n", {"", {}, {{"Foo", {{"v", list({"a", ""})}}}}}},
         ParseCase{"BlockListOfFlowRowsIsNotSimple",
                   "Foo:\n  m:\n    - [1, 2]\n    - [3]\n",
                   {"Foo", {}, {{"m", {}, {{"", {}, {{"1"}, {"2"}}}, {"", {}, {{"3"}}}}}}}},
@@ -153,62 +147,47 @@ INSTANTIATE_TEST_SUITE_P(
 // ---------------------------------------------------------------------------------------------
 // The list form of operation specs
 
-class ProcessingSpecsFromYAML : public ::testing::TestWithParam<std::string>
-{};
-
 // A scalar item, a one-entry map holding the parameters, and the name as first (null) key with
 // the parameters beside it: the same operation.
-TEST_P(ProcessingSpecsFromYAML, EquivalentItemFormsGiveSameSpecs)
+TEST(ProcessingSpecs, EquivalentItemFormsGiveTheSameSpecs)
 {
-    auto parsed = PropertiesYAML::createFromString(GetParam());
-    ASSERT_NE(parsed, nullptr);
-    auto specs = propertyToProcessingSpecs(*parsed);
-    ASSERT_EQ(specs.size(), 2u);
-
-    EXPECT_EQ(specs[0].name, "Foo");
-    EXPECT_EQ(specs[0].phase, Phase::Always);
-    EXPECT_TRUE(specs[0].properties.isEmpty());
-
-    EXPECT_EQ(specs[1].name, "Bar");
-    EXPECT_EQ(specs[1].phase, Phase::Always);
-    EXPECT_TRUE(sameTree(specs[1].properties, build({"Bar", {{"a", text("1")}, {"b", text("1 2")}}})));
+    for (char const* yaml :
+         {"- Foo\n- Bar: {a: 1, b: [1, 2]}\n", "- Foo\n- Bar:\n    a: 1\n    b: [1, 2]\n",
+          "- Foo:\n- Bar:\n  a: 1\n  b:\n    - 1\n    - 2\n", "- {Foo: ~}\n- {Bar: ~, a: 1, b: [1, 2]}\n"}) {
+        SCOPED_TRACE(yaml);
+        auto parsed = PropertiesYAML::createFromString(yaml);
+        ASSERT_NE(parsed, nullptr);
+        auto specs = propertyToProcessingSpecs(*parsed);
+        ASSERT_EQ(specs.size(), 2u);
+        EXPECT_EQ(specs[0].name, "Foo");
+        EXPECT_EQ(specs[0].phase, Phase::Always);
+        EXPECT_TRUE(specs[0].properties.isEmpty());
+        EXPECT_EQ(specs[1].name, "Bar");
+        EXPECT_EQ(specs[1].phase, Phase::Always);
+        EXPECT_TRUE(sameTree(specs[1].properties, build({"Bar", {{"a", text("1")}, {"b", text("1 2")}}})));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Forms, ProcessingSpecsFromYAML,
-                         ::testing::Values("- Foo\n- Bar: {a: 1, b: [1, 2]}\n",
-                                           "- Foo\n- Bar:\n    a: 1\n    b: [1, 2]\n",
-                                           "- Foo:\n- Bar:\n  a: 1\n  b:\n    - 1\n    - 2\n",
-                                           "- {Foo: ~}\n- {Bar: ~, a: 1, b: [1, 2]}\n"));
-
-struct PhaseCase
+TEST(ProcessingSpecs, ListItemPhasesReachTheSpecsAndStayInTheirConfiguration)
 {
-    std::string yaml;
-    Phase expected;
-};
-
-class ProcessingSpecsPhase : public ::testing::TestWithParam<PhaseCase>
-{};
-
-TEST_P(ProcessingSpecsPhase, ListItemPhaseReachesSpecs)
-{
-    auto parsed = PropertiesYAML::createFromString(GetParam().yaml);
+    auto parsed = PropertiesYAML::createFromString(
+        "- A: {phase: training}\n- B: {phase: inference}\n- C: {phase: Training Validation}\n"
+        "- D: {phase: [validation, inference]}\n- E: {phase: 5}\n- F: {phase: always}\n");
     ASSERT_NE(parsed, nullptr);
-    auto specs = propertyToProcessingSpecs(*parsed);
-    ASSERT_EQ(specs.size(), 1u);
-    EXPECT_EQ(specs[0].phase, GetParam().expected);
-    // The key stays in the configuration: Operation::configure accepts it.
-    EXPECT_TRUE(specs[0].properties.contains("phase"));
+    auto const specs = propertyToProcessingSpecs(*parsed);
+    std::vector<Phase> const expected = {Phase::Training,
+                                         Phase::Inference,
+                                         Phase::Training | Phase::Validation,
+                                         Phase::Validation | Phase::Inference,
+                                         Phase::Training | Phase::Inference,
+                                         Phase::Always};
+    ASSERT_EQ(specs.size(), expected.size());
+    for (std::size_t i = 0; i < specs.size(); ++i) {
+        EXPECT_EQ(specs[i].phase, expected[i]) << specs[i].name;
+        // The key stays in the configuration: Operation::configure accepts it.
+        EXPECT_TRUE(specs[i].properties.contains("phase"));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Phases, ProcessingSpecsPhase,
-    ::testing::Values(PhaseCase{"- Foo: {phase: training}\n", Phase::Training},
-                      PhaseCase{"- Foo: {phase: inference}\n", Phase::Inference},
-                      PhaseCase{"- Foo: {phase: Training Validation}\n", Phase::Training | Phase::Validation},
-                      PhaseCase{"- Foo: {phase: [validation, inference]}\n",
-                                Phase::Validation | Phase::Inference},
-                      PhaseCase{"- Foo: {phase: 5}\n", Phase::Training | Phase::Inference},
-                      PhaseCase{"- Foo: {phase: always}\n", Phase::Always}));
 
 TEST(ProcessingSpecs, SingleTreesIgnoreThePhaseListsNameTheCulpritAndNullEntriesAreSkipped)
 {
@@ -334,50 +313,42 @@ TEST(PropertiesYAMLSave, NamedRootAndEmptyTrees)
 }
 
 // Texts that YAML would misread unquoted must come back as they were.
-class PropertiesYAMLQuoting : public ::testing::TestWithParam<std::string>
-{};
-
-TEST_P(PropertiesYAMLQuoting, ValueSurvivesRoundTrip)
+TEST(PropertiesYAMLSave, QuotesWhatYAMLWouldMisread)
 {
-    Properties tree("Item");
-    tree.setParam("value", GetParam());
-    tree.setParam("items", std::vector<std::string>{"x", GetParam()});
-    auto reread = PropertiesYAML::createFromString(PropertiesYAML::saveToString(tree));
-    ASSERT_NE(reread, nullptr) << PropertiesYAML::saveToString(tree);
-    EXPECT_EQ(reread->paramValueText("value"), GetParam()) << PropertiesYAML::saveToString(tree);
-    std::vector<std::string> items;
-    ASSERT_TRUE(reread->param("items", items));
-    EXPECT_EQ(items, (std::vector<std::string>{"x", GetParam()})) << PropertiesYAML::saveToString(tree);
+    for (std::string const text :
+         {"a: b", "~", "null", "#comment", " padded ", "[not closed", "a, b", "{x}", "- dash", "line\nbreak",
+          "it's \"quoted\"", "Grüße", "[a b, c d]", "*alias", "&anchor", "@at", "`tick`", "%percent"}) {
+        Properties tree("Item");
+        tree.setParam("value", text);
+        tree.setParam("items", std::vector<std::string>{"x", text});
+        std::string const saved = PropertiesYAML::saveToString(tree);
+        auto reread = PropertiesYAML::createFromString(saved);
+        ASSERT_NE(reread, nullptr) << saved;
+        EXPECT_EQ(reread->paramValueText("value"), text) << saved;
+        std::vector<std::string> items;
+        ASSERT_TRUE(reread->param("items", items));
+        EXPECT_EQ(items, (std::vector<std::string>{"x", text})) << saved;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Texts, PropertiesYAMLQuoting,
-                         ::testing::Values("a: b", "~", "null", "#comment", " padded ", "[not closed", "a, b",
-                                           "{x}", "- dash", "line\nbreak", "it's \"quoted\"", "Grüße",
-                                           "[a b, c d]", "*alias", "&anchor", "@at", "`tick`", "%percent"));
 
 // Reading what was written gives the tree that the original text gave.
-class PropertiesYAMLRoundTrip : public ::testing::TestWithParam<std::string>
-{};
-
-TEST_P(PropertiesYAMLRoundTrip, SaveThenParseGivesSameTree)
+TEST(PropertiesYAMLSave, SaveThenParseGivesTheSameTree)
 {
-    auto first = PropertiesYAML::createFromString(GetParam());
-    ASSERT_NE(first, nullptr);
-    std::string const saved = PropertiesYAML::saveToString(*first);
-    auto second = PropertiesYAML::createFromString(saved);
-    ASSERT_NE(second, nullptr) << saved;
-    EXPECT_TRUE(sameTree(*second, *first)) << saved;
-    EXPECT_EQ(PropertiesYAML::saveToString(*second), saved);
+    for (char const* yaml :
+         {"- Foo\n- Bar: {a: 1, b: [1, 2], c: [x, 2], m: [[1, 2], [3, 4]]}\n",
+          "Model:\n  engine: torch\n  Sub:\n    x: 1\n    __subProps__:\n      - A\n      - B: {y: 2}\n",
+          "- Outer:\n    __subProps__:\n      - Inner: {c: [[1], [2]]}\n      - Other\n",
+          "- Foo: {m: '[1 2 3]', e: '', v: [], q: 'a: b'}\n", "Foo: 3\n",
+          "- A:\n    phase: Training Validation\n    apply_to: [image]\n"}) {
+        auto first = PropertiesYAML::createFromString(yaml);
+        ASSERT_NE(first, nullptr) << yaml;
+        std::string const saved = PropertiesYAML::saveToString(*first);
+        auto second = PropertiesYAML::createFromString(saved);
+        ASSERT_NE(second, nullptr) << saved;
+        EXPECT_TRUE(sameTree(*second, *first)) << saved;
+        EXPECT_EQ(PropertiesYAML::saveToString(*second), saved);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, PropertiesYAMLRoundTrip,
-    ::testing::Values(
-        "- Foo\n- Bar: {a: 1, b: [1, 2], c: [x, 2], m: [[1, 2], [3, 4]]}\n",
-        "Model:\n  engine: torch\n  Sub:\n    x: 1\n    __subProps__:\n      - A\n      - B: {y: 2}\n",
-        "- Outer:\n    __subProps__:\n      - Inner: {c: [[1], [2]]}\n      - Other\n",
-        "- Foo: {m: '[1 2 3]', e: '', v: [], q: 'a: b'}\n", "Foo: 3\n",
-        "- A:\n    phase: Training Validation\n    apply_to: [image]\n"));
 
 // ---------------------------------------------------------------------------------------------
 // Failures and sources

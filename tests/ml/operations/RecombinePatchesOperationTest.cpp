@@ -338,29 +338,20 @@ TEST(RecombineSets, TwoOriginalsGiveTwoFramesInOrderOfFirstAppearance)
     EXPECT_FALSE(result->components().get<PatchesFromImageDataComponent>());
 }
 
-struct ModeText
+TEST(RecombineModeNames, ReadsNamesInAnyCaseAndNumbers)
 {
-    std::string text;
-    RecombineMode mode;
-};
-
-class RecombineModeNames : public ::testing::TestWithParam<ModeText>
-{};
-
-TEST_P(RecombineModeNames, ReadsNamesInAnyCaseAndNumbers)
-{
-    EXPECT_EQ(stringToRecombineMode(GetParam().text), GetParam().mode);
-    RecombinePatchesOperation operation;
-    ASSERT_TRUE(operation.configure(Properties{{"mode", GetParam().text}}));
-    EXPECT_EQ(operation.p_mode.value(), GetParam().mode);
+    for (auto const& [text, mode] :
+         std::vector<std::pair<std::string, RecombineMode>>{{"Default", RecombineMode::Default},
+                                                            {"weighted", RecombineMode::Weighted},
+                                                            {" WEIGHTED ", RecombineMode::Weighted},
+                                                            {"1", RecombineMode::Weighted},
+                                                            {"0", RecombineMode::Default}}) {
+        EXPECT_EQ(stringToRecombineMode(text), mode) << text;
+        RecombinePatchesOperation operation;
+        ASSERT_TRUE(operation.configure(Properties{{"mode", text}}));
+        EXPECT_EQ(operation.p_mode.value(), mode) << text;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Names, RecombineModeNames,
-                         ::testing::Values(ModeText{"Default", RecombineMode::Default},
-                                           ModeText{"weighted", RecombineMode::Weighted},
-                                           ModeText{" WEIGHTED ", RecombineMode::Weighted},
-                                           ModeText{"1", RecombineMode::Weighted},
-                                           ModeText{"0", RecombineMode::Default}));
 
 class RecombineMisuse : public ::testing::Test
 {

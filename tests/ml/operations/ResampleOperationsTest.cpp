@@ -92,11 +92,6 @@ struct GridCase
     Eigen::Vector3d spacing;
 };
 
-void PrintTo(GridCase const& c, std::ostream* os)
-{
-    *os << c.name;
-}
-
 class ResampleGridTest : public ::testing::TestWithParam<GridCase>
 {};
 
@@ -303,8 +298,8 @@ std::shared_ptr<SharedImageSet> plainSet()
                           [](int x, int, int) { return x; });
 }
 
-std::unique_ptr<Operation> aspect(std::optional<int> x, std::optional<int> y, std::optional<int> z,
-                                  std::optional<std::string> wrt)
+std::unique_ptr<ResampleKeepingAspectRatioOperation>
+aspect(std::optional<int> x, std::optional<int> y, std::optional<int> z, std::optional<std::string> wrt)
 {
     auto op = std::make_unique<ResampleKeepingAspectRatioOperation>();
     op->p_targetDimX.setValue(x);
@@ -314,61 +309,36 @@ std::unique_ptr<Operation> aspect(std::optional<int> x, std::optional<int> y, st
     return op;
 }
 
-// ---- ResampleKeepingAspectRatio sizes ------------------------------------------------------
-
-struct AspectCase
+// All three given are covered by configureWarnsAboutUnneededKeys alone, whose once-per-process
+// warning must not have been used up by another test of this program.
+TEST(ResampleKeepingAspectRatioTest, scalesTheFreeAxesByTheReferenceFactor)
 {
-    std::optional<int> x, y, z;
-    std::optional<std::string> wrt;
-    Eigen::Vector3i input;
-    Eigen::Vector3i expected;
-};
-
-void PrintTo(AspectCase const& c, std::ostream* os)
-{
-    *os << c.input.transpose() << " to " << c.expected.transpose();
-}
-
-class AspectRatioSizeTest : public ::testing::TestWithParam<AspectCase>
-{};
-
-TEST_P(AspectRatioSizeTest, scalesTheFreeAxesByTheReferenceFactor)
-{
-    AspectCase const& c = GetParam();
-    auto op = aspect(c.x, c.y, c.z, c.wrt);
-    auto set = makeSet<float>(c.input, Eigen::Vector3d(1.0, 1.0, 1.0), obliqueMatrix(),
-                              [](int, int, int) { return 1.0; });
-    auto const output = op->process(std::shared_ptr<SharedImageSet>(set));
-    ASSERT_NE(output, nullptr);
-    EXPECT_EQ(output->get(0)->dimensions(), c.expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(Sizes, AspectRatioSizeTest,
-                         ::testing::Values(
-                             // Only x: 200 x 150 to width 100 is 100 x 75, and stays 2D.
-                             AspectCase{100, {}, {}, {}, {200, 150, 1}, {100, 75, 1}},
-                             // Truncated, never 0: 3 * (2 / 200) is 0.03.
-                             AspectCase{2, {}, {}, {}, {200, 3, 1}, {2, 1, 1}},
-                             // Upscaling a 2D image keeps one slice.
-                             AspectCase{400, {}, {}, {}, {200, 150, 1}, {400, 300, 1}},
-                             // Only y decides alone; z follows in 3D: factor 0.5, 7 * 0.5 = 3.5 -> 3.
-                             AspectCase{{}, 30, {}, {}, {40, 60, 7}, {20, 30, 3}},
-                             // Two given: the named one decides the third.
-                             AspectCase{50, 10, {}, "y", {40, 20, 8}, {50, 10, 4}}));
-// All three given are covered by configureWarnsAboutUnneededKeys alone, whose
-// once-per-process warning must not have been used up by another test of this program.
-
-TEST(ResampleKeepingAspectRatioTest, determinesTheReferenceAxis)
-{
-    EXPECT_EQ(dynamic_cast<ResampleKeepingAspectRatioOperation&>(*aspect({}, {}, 4, {}))
-                  .determineKeepAspectRatioWrt(),
-              "z");
-    EXPECT_EQ(dynamic_cast<ResampleKeepingAspectRatioOperation&>(*aspect(1, 2, 3, {}))
-                  .determineKeepAspectRatioWrt(),
-              "x");
-    EXPECT_EQ(dynamic_cast<ResampleKeepingAspectRatioOperation&>(*aspect(1, 2, {}, "y"))
-                  .determineKeepAspectRatioWrt(),
-              "y");
+    struct Case
+    {
+        std::optional<int> x, y, z;
+        std::optional<std::string> wrt;
+        Eigen::Vector3i input;
+        Eigen::Vector3i expected;
+    };
+    for (Case const& c : {// Only x: 200 x 150 to width 100 is 100 x 75, and stays 2D.
+                          Case{100, {}, {}, {}, {200, 150, 1}, {100, 75, 1}},
+                          // Truncated, never 0: 3 * (2 / 200) is 0.03.
+                          Case{2, {}, {}, {}, {200, 3, 1}, {2, 1, 1}},
+                          // Upscaling a 2D image keeps one slice.
+                          Case{400, {}, {}, {}, {200, 150, 1}, {400, 300, 1}},
+                          // Only y decides alone; z follows in 3D: factor 0.5, 7 * 0.5 = 3.5 -> 3.
+                          Case{{}, 30, {}, {}, {40, 60, 7}, {20, 30, 3}},
+                          // Two given: the named one decides the third.
+                          Case{50, 10, {}, "y", {40, 20, 8}, {50, 10, 4}}}) {
+        auto set = makeSet<float>(c.input, Eigen::Vector3d::Ones(), obliqueMatrix(),
+                                  [](int, int, int) { return 1.0; });
+        auto const output = aspect(c.x, c.y, c.z, c.wrt)->process(set);
+        ASSERT_NE(output, nullptr);
+        EXPECT_EQ(output->get(0)->dimensions(), c.expected) << c.input.transpose();
+    }
+    EXPECT_EQ(aspect({}, {}, 4, {})->determineKeepAspectRatioWrt(), "z");
+    EXPECT_EQ(aspect(1, 2, 3, {})->determineKeepAspectRatioWrt(), "x");
+    EXPECT_EQ(aspect(1, 2, {}, "y")->determineKeepAspectRatioWrt(), "y");
 }
 
 TEST(ResampleKeepingAspectRatioTest, configureWarnsAboutUnneededKeys)
@@ -398,56 +368,45 @@ TEST(ResampleKeepingAspectRatioTest, configureWarnsAboutUnneededKeys)
               1);
 }
 
-TEST(ResampleOperationTest, twoDImagesIgnoreTheZResolution)
+TEST(ResampleOperationTest, twoDImagesIgnoreTheZResolutionAndAZeroResolutionReturnsTheInput)
 {
     auto set = makeSet<float>(Eigen::Vector3i(20, 10, 1), Eigen::Vector3d(1.0, 1.0, 3.0), obliqueMatrix(),
                               [](int x, int, int) { return x; });
-    auto const output =
-        ResampleOperation(Eigen::Vector3d(2.0, 2.0, 0.0)).process(std::shared_ptr<SharedImageSet>(set));
+    auto const output = ResampleOperation(Eigen::Vector3d(2.0, 2.0, 0.0)).process(set);
     ASSERT_NE(output, nullptr);
     EXPECT_NE(output.get(), set.get());
     EXPECT_EQ(output->get(0)->dimensions(), Eigen::Vector3i(10, 5, 1));
-}
 
-TEST(ResampleOperationTest, zeroResolutionWarnsAndReturnsTheInput)
-{
     Log::Capture capture;
-    auto set = plainSet();
-    ResampleOperation zero(Eigen::Vector3d(1.0, 0.0, 1.0));
-    auto const output = zero.processImages(set);
-    EXPECT_EQ(output.get(), set.get());
+    set = plainSet();
+    EXPECT_EQ(ResampleOperation(Eigen::Vector3d(1.0, 0.0, 1.0)).processImages(set), set);
     EXPECT_TRUE(capture.contains(
         "Target resolution is 0 in one dimensions. Returning image without resampling.", "ML.Resample"));
 }
 
-TEST(ResampleOperationTest, annotationsInWorldCoordinatesPassThrough)
-{
-    DataItem item;
-    item.set("image", plainSet());
-    auto points = std::make_shared<KeypointSet>(KeypointSet::Keypoints{{{Eigen::Vector3d(1, 2, 3)}}});
-    item.set("kpts", points);
-    item.set("scores", makeSet<float>(Eigen::Vector3i(1, 1, 1), Eigen::Vector3d::Ones(),
-                                      Eigen::Matrix4d::Identity(), [](int, int, int) { return 0.25; }));
-    ResampleDimsOperation(Eigen::Vector3i(3, 3, 2)).process(item);
-    EXPECT_EQ(item.get<ImageElement>("image")->sis()->get(0)->dimensions(), Eigen::Vector3i(3, 3, 2));
-    EXPECT_EQ(item.get<KeypointsElement>("kpts")->keypoints(), points);
-    EXPECT_EQ(item.get<KeypointsElement>("kpts")->keypoints()->keypoints()[0][0][0],
-              Eigen::Vector3d(1, 2, 3));
-    EXPECT_EQ(item.get<VectorElement>("scores")->sis()->get(0)->dimensions(), Eigen::Vector3i(1, 1, 1));
-}
-
-TEST(ResampleOperationTest, keepsModalityAndComponentsOfTheSet)
+// Annotations in world coordinates pass through; the set keeps its modality and components.
+TEST(ResampleOperationTest, annotationsPassThroughAndTheSetKeepsModalityAndComponents)
 {
     auto set = plainSet();
     set->setModality(Data::Modality::CT);
     auto reference = plainSet();
     set->components().add(std::make_unique<ReferenceImageDataComponent>(reference));
-    auto const output = ResampleOperation(2.0).process(std::shared_ptr<SharedImageSet>(set));
-    ASSERT_NE(output, nullptr);
+    DataItem item;
+    item.set("image", set);
+    auto points = std::make_shared<KeypointSet>(KeypointSet::Keypoints{{{Eigen::Vector3d(1, 2, 3)}}});
+    item.set("kpts", points);
+    item.set("scores", makeSet<float>(Eigen::Vector3i(1, 1, 1), Eigen::Vector3d::Ones(),
+                                      Eigen::Matrix4d::Identity(), [](int, int, int) { return 0.25; }));
+    ResampleDimsOperation(Eigen::Vector3i(3, 3, 2)).process(item);
+    auto const output = item.get<ImageElement>("image")->sis();
+    EXPECT_EQ(output->get(0)->dimensions(), Eigen::Vector3i(3, 3, 2));
     EXPECT_EQ(output->modality(), Data::Modality::CT);
     EXPECT_EQ(output->get(0)->modality(), Data::Modality::CT);
     ASSERT_NE(output->components().get<ReferenceImageDataComponent>(), nullptr);
     EXPECT_EQ(output->components().get<ReferenceImageDataComponent>()->reference, reference);
+    EXPECT_EQ(item.get<KeypointsElement>("kpts")->keypoints(), points);
+    EXPECT_EQ(points->keypoints()[0][0][0], Eigen::Vector3d(1, 2, 3));
+    EXPECT_EQ(item.get<VectorElement>("scores")->sis()->get(0)->dimensions(), Eigen::Vector3i(1, 1, 1));
 }
 
 TEST(ResampleOperationTest, imageResamplerProcessReplacesTheFramesInPlace)
