@@ -1,17 +1,104 @@
 #include "apps/velmoria/ItemFiles.h"
 
+#include "ml/data/ImageElement.h"
 #include "ml/data/SISBasedElement.h"
+#include "ml/data/ScoreFiles.h"
+#include "ml/data/components/ReferenceImageDataComponent.h"
 
+#include "host/core/Filesystem.h"
 #include "host/core/Log.h"
 #include "host/core/String.h"
 #include "host/image/SharedImageSet.h"
 #include "host/io/FileLoader.h"
 #include "host/io/ImageFiles.h"
 
+#include <unistd.h>
+
 #include <exception>
+#include <filesystem>
 #include <memory>
 
 namespace Velmoria::Cli {
+
+namespace {
+
+using Filesystem::Path;
+
+// Two names of one file: equal after making them absolute and resolving links where the file
+// exists (std::filesystem::weakly_canonical resolves the existing part of a path).
+bool sameFile(std::string const& a, std::string const& b)
+{
+    std::error_code error;
+    auto const left = std::filesystem::weakly_canonical(std::filesystem::absolute(a, error), error);
+    auto const right = std::filesystem::weakly_canonical(std::filesystem::absolute(b, error), error);
+    return !error && left == right;
+}
+
+} // namespace
+
+bool checkOutputFiles(std::vector<FieldArgument> const& outputs,
+                      std::vector<std::vector<FieldArgument>> const& inputLists, bool overwrite)
+{
+    for (std::size_t o = 0; o < outputs.size(); ++o) {
+        auto const& output = outputs[o];
+        Path folder = Path(output.file).parentDirectory();
+        if (folder.str().empty())
+            folder = Path(".");
+        char const* problem = nullptr;
+        if (!folder.exists())
+            problem = "does not exist";
+        else if (!folder.isDirectory())
+            problem = "is not a folder";
+        else if (::access(folder.str().c_str(), W_OK | X_OK) != 0)
+            problem = "is not writable";
+        if (problem) {
+            VELMORIA_LOG_ERROR("Cli.Files", "Cannot write field '{}' to '{}': the folder '{}' {}",
+                               output.field, output.file, folder.str(), problem);
+            return false;
+        }
+        if (Path(output.file).isDirectory()) {
+            VELMORIA_LOG_ERROR("Cli.Files", "Cannot write field '{}' to '{}': it is a folder", output.field,
+                               output.file);
+            return false;
+        }
+        for (std::size_t other = 0; other < o; ++other) {
+            if (sameFile(outputs[other].file, output.file)) {
+                VELMORIA_LOG_ERROR("Cli.Files", "Fields '{}' and '{}' are both written to '{}'",
+                                   outputs[other].field, output.field, output.file);
+                return false;
+            }
+        }
+        for (auto const& inputs : inputLists) {
+            for (auto const& input : inputs) {
+                if (!overwrite && sameFile(input.file, output.file)) {
+                    VELMORIA_LOG_ERROR(
+                        "Cli.Files",
+                        "Output '{}' (field '{}') is the input file of field '{}'; it would be "
+                        "overwritten. Choose another output, or give --overwrite",
+                        output.file, output.field, input.field);
+                    return false;
+                }
+            }
+        }
+    }
+    return true;
+}
+
+void setInputAsReference(ML::DataItem& item, std::string const& field)
+{
+    auto const* input = dynamic_cast<ML::ImageElement const*>(item.get(field));
+    if (!input || !input->sis())
+        return;
+    // A copy: the processing may change the input's set in place.
+    std::shared_ptr<SharedImageSet> reference = input->sis()->clone();
+    for (auto const& [name, element] : item.elements()) {
+        if (auto* image = dynamic_cast<ML::ImageElement*>(element.get()); image && image->sis()) {
+            auto& components = image->sis()->components();
+            if (!components.get<ML::ReferenceImageDataComponent>())
+                components.add(std::make_unique<ML::ReferenceImageDataComponent>(reference));
+        }
+    }
+}
 
 bool readFields(std::vector<FieldArgument> const& arguments, FieldRole role, ML::DataItem& item)
 {
@@ -67,7 +154,17 @@ bool writeFields(std::vector<FieldArgument> const& arguments, ML::DataItem const
                 argument.field, ML::elementTypeToString(element->type()), argument.file);
             return false;
         }
-        if (!ImageFiles::write(*images->sis(), argument.file)) {
+        bool const scores = ML::ScoreFiles::isScoreFile(argument.file);
+        if (scores && element->type() != ML::ElementType::Vector) {
+            VELMORIA_LOG_ERROR("Cli.Files",
+                               "Field '{}' holds a {} element; '{}' is a score file (.json, .csv), which "
+                               "takes a vector field (the scores of a classifier)",
+                               argument.field, ML::elementTypeToString(element->type()), argument.file);
+            return false;
+        }
+        bool const written = scores ? ML::ScoreFiles::write(*images->sis(), argument.file)
+                                    : ImageFiles::write(*images->sis(), argument.file);
+        if (!written) {
             VELMORIA_LOG_ERROR("Cli.Files", "Could not write field '{}' to file '{}'", argument.field,
                                argument.file);
             return false;

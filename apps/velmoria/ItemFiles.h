@@ -19,9 +19,21 @@ enum class FieldRole
     Target,
 };
 
+// Checked before any work is done, so that a run does not fail at its end: every output file's
+// folder exists and is writable, no two outputs name the same file, and no output replaces an
+// input file unless `overwrite` is set. False (logged, naming the file and the reason) else.
+bool checkOutputFiles(std::vector<FieldArgument> const& outputs,
+                      std::vector<std::vector<FieldArgument>> const& inputLists, bool overwrite);
+
+// Every image set of `item` gets a reference to a copy of the field's set as it is now, so that
+// ResampleToInput (and other ways back) can return to the input's grid after the processing.
+void setInputAsReference(ML::DataItem& item, std::string const& field);
+
 bool readFields(std::vector<FieldArgument> const& arguments, FieldRole role, ML::DataItem& item);
 
-// Every field must hold an image-based element (an image or a vector batch).
+// Every field must hold an image-based element (an image or a vector batch). A vector field
+// (classifier scores) may also go to a .json or .csv file, keyed by its class names
+// (ml/data/ScoreFiles.h).
 bool writeFields(std::vector<FieldArgument> const& arguments, ML::DataItem const& item);
 
 } // namespace Velmoria::Cli

@@ -70,6 +70,7 @@ PredictCommand::PredictCommand(CLI::App& app)
             "[FIELD=]FILE: a field of the prediction to write; FIELD defaults to the first output field")
         ->required();
     m_command->add_flag("--force-cpu", m_forceCpu, "Run the engine on the CPU even when a GPU is available");
+    m_command->add_flag("--overwrite", m_overwrite, "Allow an output file to replace an input file");
     m_command->add_flag("--no-progress", m_noProgress, "Draw no progress bar");
     m_command->add_flag("--timings", m_timings,
                         "Print where the time went: reading, each stage of the model, the engine, writing");
@@ -109,7 +110,7 @@ int PredictCommand::run() const
     if (!defaultOutputs.empty())
         outputDefault.push_back(defaultOutputs.front());
     auto const outputs = resolveFieldArguments(m_outputs, "--output", outputDefault);
-    if (!outputs)
+    if (!outputs || !checkOutputFiles(*outputs, {*inputs}, m_overwrite))
         return Failure;
 
     Timer reading;

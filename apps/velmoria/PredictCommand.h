@@ -38,6 +38,7 @@ private:
     bool m_forceCpu = false;
     bool m_noProgress = false;
     bool m_timings = false;
+    bool m_overwrite = false;
 };
 
 } // namespace Velmoria::Cli

@@ -64,6 +64,7 @@ ProcessCommand::ProcessCommand(CLI::App& app)
     m_command->add_option("--phase", m_phase, "The phase the operations run for (default: inference)")
         ->check(CLI::IsMember({"training", "validation", "inference", "always"}, CLI::ignore_case));
     m_command->add_option("--seed", m_seed, "Seed of every operation's random numbers");
+    m_command->add_flag("--overwrite", m_overwrite, "Allow an output file to replace an input file");
 }
 
 bool ProcessCommand::selected() const
@@ -100,9 +101,13 @@ int ProcessCommand::run() const
     if (m_seed)
         sequence.setOperationSeeds(*m_seed);
 
+    if (!checkOutputFiles(*outputs, {*inputs, *labels}, m_overwrite))
+        return Failure;
+
     ML::DataItem item;
     if (!readFields(*inputs, FieldRole::Input, item) || !readFields(*labels, FieldRole::Target, item))
         return Failure;
+    setInputAsReference(item, inputs->front().field);
     if (auto const error = sequence.process(item, ML::stringToPhase(m_phase))) {
         VELMORIA_LOG_ERROR(kCategory, "Processing with '{}' failed: {}", m_config, error->message);
         return Failure;

@@ -39,6 +39,7 @@ private:
     std::vector<std::string> m_outputs;
     std::string m_phase = "inference";
     std::optional<unsigned int> m_seed;
+    bool m_overwrite = false;
 };
 
 } // namespace Velmoria::Cli

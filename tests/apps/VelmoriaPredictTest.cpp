@@ -251,6 +251,7 @@ TEST_P(VelmoriaCommandFailureTest, ExitCodeAndMessage)
         EXPECT_TRUE(String::contains(run.err, expected)) << expected << "\nstderr:\n" << run.err;
     }
     EXPECT_FALSE(Filesystem::File(path("out.nii")).exists()) << "a failed run wrote its output";
+    EXPECT_EQ(readValues(path("input.nii")), inputValues()) << "a failed run changed its input";
 }
 
 std::vector<std::string> processArguments(std::vector<std::string> extra)
@@ -314,8 +315,23 @@ INSTANTIATE_TEST_SUITE_P(
         CommandCase{"OutputFolderMissing",
                     processArguments({"--input", "{dir}/input.nii", "--output", "{dir}/nowhere/out.nii"}),
                     1,
-                    {"Could not write image file '{dir}/nowhere/out.nii': the folder '{dir}/nowhere' does "
-                     "not exist"}},
+                    {"Cannot write field 'image' to '{dir}/nowhere/out.nii': the folder '{dir}/nowhere' "
+                     "does not exist"}},
+        // Outputs are checked before anything runs: an input is never overwritten by accident,
+        // and two fields never race for one file.
+        CommandCase{"OutputIsTheInput",
+                    processArguments({"--input", "{dir}/input.nii", "--output", "{dir}/./input.nii"}),
+                    1,
+                    {"is the input file of field 'image'; it would be overwritten", "--overwrite"}},
+        CommandCase{"TwoFieldsOneFile",
+                    processArguments({"--input", "{dir}/input.nii", "--label", "{dir}/labels.nii", "--output",
+                                      "{dir}/out.nii", "--output", "label={dir}/out.nii"}),
+                    1,
+                    {"Fields 'image' and 'label' are both written to '{dir}/out.nii'"}},
+        CommandCase{"ImageToScoreFile",
+                    processArguments({"--input", "{dir}/input.nii", "--output", "{dir}/scores.json"}),
+                    1,
+                    {"Field 'image' holds a Image element; '{dir}/scores.json' is a score file"}},
         CommandCase{"FieldTwice",
                     processArguments({"--input", "image={dir}/input.nii", "--input", "image={dir}/labels.nii",
                                       "--output", "{dir}/out.nii"}),
@@ -423,5 +439,39 @@ INSTANTIATE_TEST_SUITE_P(
             0,
             {"Timings:", "  reading ", "  engine ", "  writing ", "engine runs: 1; outside the engine: "}}),
     [](auto const& info) { return info.param.name; });
+
+// A classifier's scores go to .json and .csv files keyed by the class names of "LabelNames".
+// The network gives the mean and the maximum of the image, so the scores are known exactly.
+TEST_F(VelmoriaCommandTest, PredictWritesNamedScores)
+{
+#ifndef VELMORIA_TEST_HAS_TORCH
+    GTEST_SKIP() << "The torch engine plug-in is not built (LibTorch was not found)";
+#endif
+    writeText("classifier.yaml",
+              "Version: 8\nName: scores\nType: NeuralNetwork\nPredictionType: [Classification]\n"
+              "PredictionOutput: [Vector]\nLabelNames: [Mean, \"Max, all\"]\n"
+              "Engine:\n  Name: torch\n  ModelFile: " VELMORIA_TORCH_MODELS_DIR "/class_scores.pt\n"
+              "  ForceCPU: true\n  InputFields: [Input]\n  OutputFields: [Prediction]\n");
+    for (std::string const file : {"scores.json", "scores.csv"}) {
+        auto const run = velmoria({"predict", "--model", "{dir}/classifier.yaml", "--input",
+                                   "{dir}/input.nii", "--output", "{dir}/" + file});
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+    }
+    // Input values -5 .. 18: mean 6.5, maximum 18.
+    EXPECT_EQ(Filesystem::File(path("scores.json")).readText().value_or(""),
+              "{\n  \"Mean\": 6.5,\n  \"Max, all\": 18.0\n}\n");
+    EXPECT_EQ(Filesystem::File(path("scores.csv")).readText().value_or(""), "Mean,\"Max, all\"\n6.5,18\n");
+}
+
+// `process` takes the input as the reference image, as `predict` does: ResampleToInput brings a
+// resampled image back onto the input's grid.
+TEST_F(VelmoriaCommandTest, ProcessGoesBackToTheInputGrid)
+{
+    writeText("list.yaml", "- MakeFloat\n- ResampleDims: {target_dims: [7, 5, 3]}\n- ResampleToInput\n");
+    auto const run = velmoria({"process", "--config", "{dir}/list.yaml", "--input", "{dir}/input.nii",
+                               "--output", "{dir}/out.nii"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    expectSameGeometry(path("out.nii"));
+}
 
 } // namespace

@@ -158,13 +158,27 @@ SetLabelModalityOperation::processImages(std::shared_ptr<SharedImageSet> sis) co
     if (inputIsEmptyOrNull(sis.get()))
         return sis;
     sis->setModality(Data::Modality::Label);
-    if (!p_labelNames.value().empty()) {
-        auto* labels = sis->components().getOrCreate<LabelDataComponent>();
-        auto const& names = p_labelNames.value();
-        for (std::size_t value = 0; value < names.size(); ++value)
-            labels->setLabel(static_cast<int>(value), names[value]);
-    }
+    nameLabels(*sis);
     return sis;
+}
+
+std::shared_ptr<SharedImageSet>
+SetLabelModalityOperation::processVectors(std::shared_ptr<SharedImageSet> vectors) const
+{
+    if (inputIsEmptyOrNull(vectors.get()))
+        return vectors;
+    nameLabels(*vectors);
+    return vectors;
+}
+
+void SetLabelModalityOperation::nameLabels(SharedImageSet& sis) const
+{
+    auto const& names = p_labelNames.value();
+    if (names.empty())
+        return;
+    auto* labels = sis.components().getOrCreate<LabelDataComponent>();
+    for (std::size_t value = 0; value < names.size(); ++value)
+        labels->setLabel(static_cast<int>(value), names[value]);
 }
 
 } // namespace Velmoria::ML

@@ -13,7 +13,9 @@
 //                     copy of field source[i] (content, components and target tag), appended.
 //   SetLabelModality  marks the selected images as label maps (modality 8); "label_names", a list,
 //                     names the label values in order (the first name is value 0) in the images'
-//                     LabelDataComponent. By default it selects the target fields.
+//                     LabelDataComponent. By default it selects the target fields. On a vector
+//                     field (a classifier's scores) it names the classes: channel c gets name c,
+//                     and the scores stay scores (the modality is left alone).
 //
 // A named field that is missing is an unexpected-behaviour warning (or an error with
 // "error_on_unexpected_behaviour"); a target name that exists already, or source and target
@@ -110,6 +112,10 @@ public:
 
 protected:
     std::shared_ptr<SharedImageSet> processImages(std::shared_ptr<SharedImageSet> sis) const override;
+    std::shared_ptr<SharedImageSet> processVectors(std::shared_ptr<SharedImageSet> vectors) const override;
+
+private:
+    void nameLabels(SharedImageSet& sis) const;
 };
 
 } // namespace Velmoria::ML
