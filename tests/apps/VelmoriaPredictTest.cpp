@@ -230,6 +230,11 @@ protected:
         VelmoriaCommandTest::SetUp();
         writeText("list.yaml", kSections);
         writeText("unknown.yaml", "- NoSuchOperation: {}\n");
+        // Parameters that would turn every voxel into Inf or NaN.
+        writeText("hostile.yaml",
+                  "zero_scale:\n  - MakeFloat\n  - AdjustShiftScale: {shift: [1], scale: [0]}\n"
+                  "equal_percentiles:\n  - NormalizePercentile: {min_percentile: 0.5, "
+                  "max_percentile: 0.5}\n");
         writeText("model.yaml",
                   "Version: 8\nName: doubler\nType: NeuralNetwork\nPredictionOutput: [Image]\n"
                   "Engine:\n  Name: torch\n  ModelFile: " VELMORIA_TORCH_MODELS_DIR "/double.pt\n"
@@ -332,6 +337,16 @@ INSTANTIATE_TEST_SUITE_P(
                     processArguments({"--input", "{dir}/input.nii", "--output", "{dir}/scores.json"}),
                     1,
                     {"Field 'image' holds a Image element; '{dir}/scores.json' is a score file"}},
+        CommandCase{"ZeroScale",
+                    {"process", "--config", "{dir}/hostile.yaml", "--section", "zero_scale", "--input",
+                     "{dir}/input.nii", "--output", "{dir}/out.nii"},
+                    1,
+                    {"AdjustShiftScale", "'scale' 0 (entry 0) would make the image infinite"}},
+        CommandCase{"EqualPercentiles",
+                    {"process", "--config", "{dir}/hostile.yaml", "--section", "equal_percentiles", "--input",
+                     "{dir}/input.nii", "--output", "{dir}/out.nii"},
+                    1,
+                    {"NormalizePercentile", "'min_percentile' and 'max_percentile' are both 0.5"}},
         CommandCase{"FieldTwice",
                     processArguments({"--input", "image={dir}/input.nii", "--input", "image={dir}/labels.nii",
                                       "--output", "{dir}/out.nii"}),

@@ -370,6 +370,12 @@ AdjustShiftScaleOperation::processImages(std::shared_ptr<SharedImageSet> sis) co
         throwOperationError("the size of 'shift' must be 1 or match the image channels");
     if (scale.size() != 1 && scale.size() != channels)
         throwOperationError("the size of 'scale' must be 1 or match the image channels");
+    for (std::size_t c = 0; c < scale.size(); ++c)
+        if (scale[c] == 0.0 || !std::isfinite(scale[c]) || !std::isfinite(shift[c]))
+            throwOperationError(
+                fmt::format("'shift' {} and 'scale' {} (entry {}) would make the image {}: the "
+                            "scale divides and must be finite and not 0",
+                            shift[c], scale[c], c, scale[c] == 0.0 ? "infinite" : "not a number"));
 
     prepareInputForDevice(*sis);
     Array<SharedImageSet> img(*sis);

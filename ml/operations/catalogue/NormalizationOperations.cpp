@@ -220,6 +220,11 @@ NormalizePercentileOperation::processImages(std::shared_ptr<SharedImageSet> sis)
     // Values set through setValue after construction are not checked anywhere else.
     if (!percentilesInRange())
         throwOperationError(kPercentileRange);
+    if (p_minPercentile.value() == p_maxPercentile.value())
+        throwOperationError(
+            fmt::format("'min_percentile' and 'max_percentile' are both {}: the mapping would "
+                        "divide by zero",
+                        p_minPercentile.value()));
     sis = floatInput(*this, std::move(sis));
     prepareInputForDevice(*sis);
     double const minPercentile = p_minPercentile.value();
@@ -244,8 +249,18 @@ NormalizePercentileOperation::processImages(std::shared_ptr<SharedImageSet> sis)
                                 minPercentile, maxPercentile, c, i));
             VELMORIA_LOG_DEBUG(logCategory(), "minPercentileValue = {}", values->first);
             VELMORIA_LOG_DEBUG(logCategory(), "maxPercentileValue = {}", values->second);
+            double span = values->second - values->first;
+            if (!(span > 0.0)) {
+                // A constant channel (an empty slice, a blank padding frame): dividing would make it
+                // infinite, so it is only shifted.
+                VELMORIA_LOG_WARNING(logCategory(),
+                                     "Channel {} of image {} has the value {} at both percentiles; it is "
+                                     "shifted to 0 instead of divided by 0",
+                                     c, i, values->first);
+                span = 1.0;
+            }
             lows[static_cast<std::size_t>(c)] = values->first;
-            spans[static_cast<std::size_t>(c)] = values->second - values->first;
+            spans[static_cast<std::size_t>(c)] = span;
         }
         Array<SharedImage> img(*sis->get(i));
         Channels const low(lows);
