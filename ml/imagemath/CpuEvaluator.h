@@ -29,6 +29,7 @@
 // tests and programs that instantiate them link OpenMP::OpenMP_CXX.
 
 #include "ml/imagemath/Array.h"
+#include "ml/imagemath/ConversionLoss.h"
 #include "ml/imagemath/Nodes.h"
 
 #include "host/core/Log.h"
@@ -37,6 +38,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -67,11 +69,21 @@ void evaluateFrame(TypedImage<T>& target, Bound const& expr, double shift, doubl
     using W = std::conditional_t<std::is_floating_point_v<V>, V, double>;
     W const writeShift = static_cast<W>(shift);
     W const writeScale = static_cast<W>(scale);
-    auto const store = [writeShift, writeScale](auto v) {
-        if constexpr (Convert)
+    // Computed values that an integer image cannot hold are counted (ConversionLoss.h): one
+    // compare per value, only where a floating value goes into an integer type.
+    constexpr bool kCountLoss = std::is_integral_v<T> && std::is_floating_point_v<V>;
+    std::int64_t lost = 0;
+    auto const store = [writeShift, writeScale](auto v, [[maybe_unused]] std::int64_t& changed) {
+        if constexpr (kCountLoss) {
+            W const exact = Convert ? (static_cast<W>(v) + writeShift) * writeScale : static_cast<W>(v);
+            T const stored = saturateCast<T>(exact);
+            changed += static_cast<W>(stored) != exact;
+            return stored;
+        } else if constexpr (Convert) {
             return saturateCast<T>((static_cast<W>(v) + writeShift) * writeScale);
-        else
+        } else {
             return saturateCast<T>(v);
+        }
     };
 
     T* const out = target.pointer();
@@ -85,7 +97,7 @@ void evaluateFrame(TypedImage<T>& target, Bound const& expr, double shift, doubl
     int const* const channelMap = region.channels.data();
     bool const allChannels = region.allChannels;
     Eigen::Vector3i const origin = region.offset;
-#pragma omp parallel
+#pragma omp parallel reduction(+ : lost)
     {
         Bound const local = expr;
         // One pixel's values, all computed before any is written (see the file comment).
@@ -101,7 +113,7 @@ void evaluateFrame(TypedImage<T>& target, Bound const& expr, double shift, doubl
                 if (allChannels && channels == 1) {
                     for (int x = 0; x < boxWidth; ++x)
                         out[outPixel + x] =
-                            store(local.value(Position{x, y, z, rowPixel + x}, rowPixel + x, 0));
+                            store(local.value(Position{x, y, z, rowPixel + x}, rowPixel + x, 0), lost);
                 } else if (allChannels) {
                     Index offset = rowPixel * channels;
                     Index outOffset = outPixel * channels;
@@ -110,7 +122,7 @@ void evaluateFrame(TypedImage<T>& target, Bound const& expr, double shift, doubl
                         for (int c = 0; c < channels; ++c)
                             values[c] = static_cast<W>(local.value(position, offset + c, c));
                         for (int c = 0; c < channels; ++c)
-                            out[outOffset + c] = store(values[c]);
+                            out[outOffset + c] = store(values[c], lost);
                         offset += channels;
                         outOffset += channels;
                     }
@@ -122,11 +134,12 @@ void evaluateFrame(TypedImage<T>& target, Bound const& expr, double shift, doubl
                         for (int c = 0; c < exprChannels; ++c)
                             values[c] = static_cast<W>(local.value(position, offset + c, c));
                         for (int c = 0; c < exprChannels; ++c)
-                            out[outOffset + channelMap[c]] = store(values[c]);
+                            out[outOffset + channelMap[c]] = store(values[c], lost);
                     }
                 }
             }
     }
+    ConversionLoss::add(lost);
 }
 
 // Checks `expression` against frame `image` of the target; logs and returns false on a misfit.

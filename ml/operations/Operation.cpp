@@ -6,9 +6,11 @@
 #include "ml/data/ImageElement.h"
 #include "ml/data/KeypointSet.h"
 #include "ml/data/KeypointsElement.h"
+#include "ml/data/SISBasedElement.h"
 #include "ml/data/TensorSet.h"
 #include "ml/data/TensorSetElement.h"
 #include "ml/data/VectorElement.h"
+#include "ml/imagemath/ConversionLoss.h"
 #include "ml/operations/OperationException.h"
 #include "ml/operations/ParamException.h"
 
@@ -147,7 +149,10 @@ void Operation::process(DataItem& item)
         if (!element)
             continue;
         applyPreProcessHooks(element.get());
+        ImageMath::ConversionLoss::Scope conversion;
         processElement(*element);
+        if (conversion.lost() > 0)
+            warnLossyConversion(name, *element, conversion.lost());
         applyPostProcessHooks(element.get());
     }
 
@@ -598,6 +603,22 @@ bool Operation::inputIsEmptyOrNull(SharedImageSet const* sis) const
         return true;
     }
     return false;
+}
+
+void Operation::warnLossyConversion(std::string const& field, DataElement const& element,
+                                    std::int64_t values) const
+{
+    auto const* images = dynamic_cast<SISBasedElement const*>(&element);
+    auto const pixelType = images && images->sis() ? images->sis()->pixelType() : std::nullopt;
+    std::string const type = pixelType ? std::string(pixelTypeName(*pixelType)) : "integer";
+    // Once per field and pixel type: the same list over a thousand items says it once.
+    if (!m_warnedMessages.insert("lossy conversion of " + field + " to " + type).second)
+        return;
+    VELMORIA_LOG_WARNING(m_logCategory,
+                         "{} values of field '{}' did not fit its pixel type {} and were changed (fractions "
+                         "cut off, values out of range saturated). Convert the field to float first: put "
+                         "MakeFloat before {}",
+                         values, field, type, m_name);
 }
 
 void Operation::warnOperationUnexpectedBehaviour(std::string const& message) const

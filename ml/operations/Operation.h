@@ -57,6 +57,7 @@
 #include "host/core/Random.h"
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -275,6 +276,8 @@ private:
     // The seam of the processing record: adds the installed recorder, if any, to postProcessHooks.
     void addProcessingRecordHook();
     // Dispatches one element to its typed virtual and stores the result.
+    // Says once per field that an integer image could not hold what the operation computed.
+    void warnLossyConversion(std::string const& field, DataElement const& element, std::int64_t values) const;
     void processElement(DataElement& element);
 
     std::string m_name;

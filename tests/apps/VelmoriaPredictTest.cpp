@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -476,6 +477,34 @@ TEST_F(VelmoriaCommandTest, PredictWritesNamedScores)
     EXPECT_EQ(Filesystem::File(path("scores.json")).readText().value_or(""),
               "{\n  \"Mean\": 6.5,\n  \"Max, all\": 18.0\n}\n");
     EXPECT_EQ(Filesystem::File(path("scores.csv")).readText().value_or(""), "Mean,\"Max, all\"\n6.5,18\n");
+}
+
+// CT windowing on an int16 scan: without MakeFloat the fractions are cut off, and the operation
+// says so once, naming the field, the pixel type and the cure; with it the values are right.
+TEST_F(VelmoriaCommandTest, IntegerImagesThatLoseValuesAreReported)
+{
+    ASSERT_TRUE(ImageFiles::write(SharedImageSet(MLTest::placedFrame<std::int16_t>(kSize, 1, inputValues())),
+                                  path("ct.nii")));
+    std::string const window = "- Clip: {min: -2, max: 10}\n- AdjustShiftScale: {shift: [2], scale: [12]}\n";
+    for (bool const makeFloat : {false, true}) {
+        SCOPED_TRACE(makeFloat ? "with MakeFloat" : "on int16");
+        writeText("window.yaml", (makeFloat ? "- MakeFloat\n" : "") + window);
+        auto const run = velmoria({"process", "--config", "{dir}/window.yaml", "--input", "{dir}/ct.nii",
+                                   "--output", "{dir}/out.nii"});
+        ASSERT_EQ(run.exitCode, 0) << run.err;
+        EXPECT_EQ(
+            String::contains(run.err, "of field 'image' did not fit its pixel type int16 and were changed"),
+            !makeFloat)
+            << run.err;
+        EXPECT_EQ(String::contains(run.err, "put MakeFloat before AdjustShiftScale"), !makeFloat) << run.err;
+        if (makeFloat) {
+            auto const values = readValues(path("out.nii"));
+            ASSERT_EQ(values.size(), static_cast<std::size_t>(kCount));
+            for (int i = 0; i < kCount; ++i)
+                EXPECT_FLOAT_EQ(values[i], (std::clamp(inputValues()[i], -2.0, 10.0) + 2) / 12)
+                    << "voxel " << i;
+        }
+    }
 }
 
 // `process` takes the input as the reference image, as `predict` does: ResampleToInput brings a
