@@ -21,6 +21,24 @@ namespace {
 
 constexpr char const* kCategory = "Cli.Process";
 
+// The names of the sections of a file of named lists; empty for a file that is one list (its
+// top-level names are operations, or it is a sequence).
+std::vector<std::string> sectionNames(Properties const& tree)
+{
+    std::vector<std::string> sections;
+    for (auto const* sub : tree.subProperties()) {
+        if (sub->name().empty() || ML::Operation::isRegistered(sub->name()))
+            return {};
+        sections.push_back(sub->name());
+    }
+    for (auto const& param : tree.params()) {
+        if (ML::Operation::isRegistered(param.key))
+            return {};
+        sections.push_back(param.key);
+    }
+    return sections;
+}
+
 // The specs of the whole file, or of its section `section`; null (logged) on failure.
 std::optional<std::vector<ML::Operation::Specs>> loadSpecs(std::string const& path,
                                                            std::string const& section)
@@ -31,8 +49,15 @@ std::optional<std::vector<ML::Operation::Specs>> loadSpecs(std::string const& pa
         return std::nullopt;
     }
     try {
-        if (section.empty())
+        if (section.empty()) {
+            if (auto const sections = sectionNames(*tree); !sections.empty()) {
+                VELMORIA_LOG_ERROR(kCategory,
+                                   "The processing list '{}' has sections: {}. Choose one with --section",
+                                   path, String::join(sections, ", "));
+                return std::nullopt;
+            }
             return ML::propertyToProcessingSpecs(*tree);
+        }
         if (auto specs = ML::namedProcessingList(*tree, section))
             return specs;
         std::vector<std::string> sections;

@@ -242,6 +242,8 @@ public:
     // Asks every registered operation factory in turn; null (with an error) when none knows
     // the name or the configuration fails. Defined in OperationFactory.cpp.
     static std::unique_ptr<Operation> createFromFactories(Specs const& specs);
+    // Whether a factory knows the operation `name`.
+    static bool isRegistered(std::string const& name);
 
     // The recorder that every operation constructed from now on puts first in postProcessHooks
     // (null: none). Installed once, by the processing-record component, while the plug-in loads.

@@ -50,4 +50,12 @@ std::unique_ptr<Operation> Operation::createFromFactories(Specs const& specs)
     return nullptr;
 }
 
+bool Operation::isRegistered(std::string const& name)
+{
+    for (auto const& [factoryName, factory] : operationFactoryRegistry().getAllItems())
+        if (factory->hasType(name))
+            return true;
+    return false;
+}
+
 } // namespace Velmoria::ML

@@ -303,6 +303,12 @@ INSTANTIATE_TEST_SUITE_P(
                      "{dir}/input.nii", "--output", "{dir}/out.nii"},
                     1,
                     {"has no section 'third'; it has: first, second"}},
+        CommandCase{
+            "SectionsButNoSection",
+            {"process", "--config", "{dir}/list.yaml", "--input", "{dir}/input.nii", "--output",
+             "{dir}/out.nii"},
+            1,
+            {"The processing list '{dir}/list.yaml' has sections: first, second. Choose one with --section"}},
         CommandCase{"UnknownOperation",
                     {"process", "--config", "{dir}/unknown.yaml", "--input", "{dir}/input.nii", "--output",
                      "{dir}/out.nii"},
