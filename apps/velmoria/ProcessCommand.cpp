@@ -12,6 +12,7 @@
 #include "host/core/String.h"
 
 #include <CLI/Validators.hpp>
+#include <fmt/format.h>
 
 #include <exception>
 
@@ -70,6 +71,31 @@ std::optional<std::vector<ML::Operation::Specs>> loadSpecs(std::string const& pa
         VELMORIA_LOG_ERROR(kCategory, "The processing list '{}' is not valid: {}", path, e.what());
         return std::nullopt;
     }
+}
+
+// One line naming the steps that `phase` leaves out, and a phase that would run them, so that a
+// list that seems to do nothing explains itself.
+void reportSkippedSteps(ML::OperationsSequence const& sequence, ML::Phase phase)
+{
+    auto const names = sequence.getOperationNames();
+    auto const phases = sequence.phases();
+    std::vector<std::string> skipped;
+    ML::Phase wanted{};
+    for (std::size_t i = 0; i < names.size() && i < phases.size(); ++i) {
+        if (ML::includesPhase(phases[i], phase))
+            continue;
+        skipped.push_back(fmt::format("{} ({})", names[i], ML::phaseToString(phases[i])));
+        wanted |= phases[i];
+    }
+    if (skipped.empty())
+        return;
+    // The first phase of the skipped steps' masks, in the order training, validation, inference.
+    std::string option = "training";
+    if (!ML::includesPhase(wanted, ML::Phase::Training))
+        option = ML::includesPhase(wanted, ML::Phase::Validation) ? "validation" : "inference";
+    VELMORIA_LOG_INFO(kCategory, "Skipped in phase {}: {}; --phase {} runs {}",
+                      String::toLowerCopy(ML::phaseToString(phase)), String::join(skipped, ", "), option,
+                      skipped.size() == 1 ? "it" : "them");
 }
 
 } // namespace
@@ -133,7 +159,9 @@ int ProcessCommand::run() const
     if (!readFields(*inputs, FieldRole::Input, item) || !readFields(*labels, FieldRole::Target, item))
         return Failure;
     setInputAsReference(item, inputs->front().field);
-    if (auto const error = sequence.process(item, ML::stringToPhase(m_phase))) {
+    ML::Phase const phase = ML::stringToPhase(m_phase);
+    reportSkippedSteps(sequence, phase);
+    if (auto const error = sequence.process(item, phase)) {
         VELMORIA_LOG_ERROR(kCategory, "Processing with '{}' failed: {}", m_config, error->message);
         return Failure;
     }

@@ -128,6 +128,7 @@ struct ProcessCase
     std::function<double(double)> expected;
     // With --label: the expected label values; the image is checked as above.
     bool withLabel = false;
+    std::vector<std::string> errContains = {};
 
     friend void PrintTo(ProcessCase const& c, std::ostream* os) { *os << c.name; }
 };
@@ -159,6 +160,8 @@ TEST_P(VelmoriaProcessTest, WritesTheProcessedImage)
         // The label went in as a target: the intensity mapping left it alone.
         EXPECT_EQ(readValues(path("label-out.nii")), labelValues());
     }
+    for (auto const& fragment : c.errContains)
+        EXPECT_TRUE(String::contains(run.err, fragment)) << fragment << "\nstderr:\n" << run.err;
 }
 
 std::string const kTwoSteps = "- LinearIntensityMapping: {factor: 2}\n- Clip: {min: 0, max: 10}\n";
@@ -185,7 +188,13 @@ INSTANTIATE_TEST_SUITE_P(
                     "short:\n  - Clip\n",
                     {"--section", "short"},
                     [](double x) { return std::min(std::max(x, 0.0), 1.0); }},
-        ProcessCase{"InferenceSkipsTraining", kTrainingOnly, {}, [](double x) { return 2 * x; }},
+        ProcessCase{
+            "InferenceSkipsTraining",
+            kTrainingOnly,
+            {},
+            [](double x) { return 2 * x; },
+            false,
+            {"Skipped in phase inference: LinearIntensityMapping (Training); --phase training runs it"}},
         ProcessCase{"TrainingPhase", kTrainingOnly, {"--phase", "Training"}, [](double x) { return 10 * x; }},
         ProcessCase{"LabelIsATarget", kTwoSteps, {}, doubledAndClipped, true}),
     [](auto const& info) { return info.param.name; });
