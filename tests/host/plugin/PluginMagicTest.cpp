@@ -57,14 +57,12 @@ INSTANTIATE_TEST_SUITE_P(
                   "hostversion=4.4.6;buildflags=GLIBCXX_DEBUG:_GLIBCXX_DEBUG;pluginversion="},
         ParseCase{"UnknownFieldKept", kMarker + "|hostversion=4.1|future=x=y", true,
                   "hostversion=4.1;future=x=y"},
-        ParseCase{"HostVersionOnly", kMarker + "|hostversion=4", true, "hostversion=4"},
         ParseCase{"NoMarker", "|hostversion=4.4.6", false, "does not start with"},
         ParseCase{"MarkerAlone", kMarker, false, "not followed by '|'"},
         ParseCase{"MarkerThenText", kMarker + "hostversion=4.4.6", false, "not followed by '|'"},
         ParseCase{"FieldWithoutEquals", kMarker + "|hostversion=4.4.6|debug", false,
                   "the field 'debug' has no '='"},
         ParseCase{"EmptyKey", kMarker + "|hostversion=4.4.6|=1", false, "the field '=1' has an empty key"},
-        ParseCase{"EmptyField", kMarker + "|hostversion=4.4.6||x=1", false, "the field '' has no '='"},
         ParseCase{"NoHostVersion", kMarker + "|buildflags=|pluginversion=1", false, "no hostversion field"}),
     [](auto const& info) { return info.param.name; });
 
@@ -98,7 +96,7 @@ TEST_P(PluginMagicVersionTest, AcceptsTheSameMajorVersionOnly)
 
 INSTANTIATE_TEST_SUITE_P(
     Versions, PluginMagicVersionTest,
-    testing::Values(VersionCase{"4.4.6", true, ""}, VersionCase{"4.0", true, ""}, VersionCase{"4", true, ""},
+    testing::Values(VersionCase{"4.4.6", true, ""}, VersionCase{"4", true, ""},
                     VersionCase{"4.9.12-rc1", true, ""},
                     VersionCase{"3.9.0", false,
                                 "built for host version 3.9.0, but this host implements version 4.4.6"},
@@ -170,26 +168,21 @@ TEST_F(PluginMagicScanTest, SkipsTheBareMarkerAndFindsTheRealTextBehindIt)
     EXPECT_EQ(scan.text, magic);
 }
 
-TEST_F(PluginMagicScanTest, ReportsFilesWithoutTheText)
+TEST_F(PluginMagicScanTest, ReportsMissingUnterminatedAndUnreadableText)
 {
-    EXPECT_EQ(PluginMagic::findInFile(write("libD.so", junk(5000))).status, Status::NotFound);
-    EXPECT_EQ(PluginMagic::findInFile(write("libE.so", "")).status, Status::NotFound);
-    EXPECT_EQ(PluginMagic::findInFile(write("libF.so", kMarker + std::string(1, '\0'))).status,
-              Status::NotFound);
-}
-
-TEST_F(PluginMagicScanTest, RefusesATextWithoutEnd)
-{
+    std::string const nul(1, '\0');
     auto const longText = kMarker + "|hostversion=" + std::string(PluginMagic::kMaxFieldsLength, '4');
-    EXPECT_EQ(PluginMagic::findInFile(write("libG.so", longText + std::string(1, '\0'))).status,
-              Status::Unterminated);
-    // Cut off by the end of the file.
-    EXPECT_EQ(PluginMagic::findInFile(write("libH.so", junk(10) + kMarker + "|hostversion=4")).status,
-              Status::Unterminated);
-}
+    std::pair<std::string, Status> const cases[] = {
+        {junk(5000), Status::NotFound},
+        {"", Status::NotFound},
+        {kMarker + nul, Status::NotFound},
+        {longText + nul, Status::Unterminated},
+        {junk(10) + kMarker + "|hostversion=4", Status::Unterminated}, // cut off by the end of the file
+    };
+    for (auto const& [bytes, status] : cases)
+        EXPECT_EQ(PluginMagic::findInFile(write("libD.so", bytes)).status, status)
+            << bytes.size() << " bytes";
 
-TEST_F(PluginMagicScanTest, ReportsAnUnreadableFileWithTheSystemsReason)
-{
     auto const scan = PluginMagic::findInFile(m_folder.path() / "missing.so");
     EXPECT_EQ(scan.status, Status::Unreadable);
     EXPECT_EQ(scan.error, "No such file or directory");

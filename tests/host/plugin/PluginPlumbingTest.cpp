@@ -304,15 +304,10 @@ INSTANTIATE_TEST_SUITE_P(
                                    []() -> std::unique_ptr<DataDisplayHandler> {
                                        throw std::runtime_error("no display");
                                    },
-                                   true, "The creator of display handler 'Test.Throws' threw: no display"}),
+                                   true, "The creator of display handler 'Test.Throws' threw: no display"},
+                    BadHandlerCase{"UnknownName", "Test.Unknown", nullptr, false,
+                                   "Unknown display handler 'Test.Unknown'"}),
     [](auto const& info) { return info.param.name; });
-
-TEST_F(DataDisplayHandlerFactoryTest, AnUnknownNameGivesNull)
-{
-    EXPECT_EQ(DataDisplayHandlerFactory::create("Test.Unknown"), nullptr);
-    EXPECT_TRUE(
-        m_capture.contains("Unknown display handler 'Test.Unknown'", "Host.DataDisplayHandlerFactory"));
-}
 
 // ---------------------------------------------------------------------------------------------
 // SharedLibrary

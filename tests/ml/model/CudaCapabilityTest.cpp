@@ -86,7 +86,6 @@ INSTANTIATE_TEST_SUITE_P(
                     "8.9 cannot be supported as it's higher than any supported architecture versions and no "
                     "compatible PTX was found."},
         SupportCase{"Ada86WithRuntime118", 8, 9, 11, 8, "8.6", true, ""},
-        SupportCase{"Ada86WithRuntime12", 8, 9, 12, 0, "8.6", true, ""},
         SupportCase{"Ada80IsDirect", 8, 9, 11, 0, "8.0", true, ""},
         SupportCase{"HopperThroughPtx", 9, 0, 12, 0, "8.0 8.6+PTX", true,
                     "9.0 is supported by this CUDA runtime via PTX."},

@@ -197,7 +197,6 @@ INSTANTIATE_TEST_SUITE_P(
         PathCase{"NoMaximumSendsWholeBatch", -1, 5, {4, 4, 1}, false, true, {5}},
         PathCase{"MaximumCutsBatches", 2, 5, {4, 4, 1}, false, true, {2, 2, 1}},
         PathCase{"MaximumAboveBatchIsOneCall", 10, 5, {4, 4, 1}, false, true, {5}},
-        PathCase{"MaximumEqualToBatchIsOneBatch", 5, 5, {4, 4, 1}, false, true, {5}},
         PathCase{"TwoDimensionalWithMaximumOneBatchesSingly", 1, 3, {4, 4, 1}, false, true, {1, 1, 1}},
         PathCase{"ThreeDimensionalWithMaximumOneRunsFrameByFrame", 1, 3, {4, 4, 2}, false, false, {1, 1, 1}},
         PathCase{"ThreeDimensionalWithLargerMaximumBatches", 4, 3, {4, 4, 2}, false, true, {3}},

@@ -1,5 +1,7 @@
 #include "ml/model/ModelConfiguration.h"
 
+#include "ml/model/ModelEnums.h"
+#include "ml/operations/ParamException.h"
 #include "ml/operations/PropertiesYAML.h"
 #include "tests/ml/TestHelpers.h"
 
@@ -9,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -149,8 +152,11 @@ TEST_F(ModelConfigurationTest, FullFileSetsEveryField)
 
 TEST_F(ModelConfigurationTest, MinimalFileKeepsTheDefaultsThatDecideHowItRuns)
 {
-    auto const config = load(kMinimalFile);
+    // Flat label names belong to the prediction field.
+    auto const config = load(kMinimalFile + "LabelNames: [Background, Liver]\n");
     ASSERT_EQ(config->status(), 0) << config->errorMessage().value_or("");
+    EXPECT_EQ(config->labelNames(),
+              (std::map<std::string, std::vector<std::string>>{{"Prediction", {"Background", "Liver"}}}));
     EXPECT_EQ(config->maxBatchSize(), 1);
     EXPECT_TRUE(config->commercialUseAllowed());
     EXPECT_EQ(config->preprocessingInputFields(), std::vector<std::string>{"Input"});
@@ -174,14 +180,6 @@ TEST_F(ModelConfigurationTest, TreeLoadsLikeTheFile)
     EXPECT_EQ(fromTree.upgradedVersion(), 7);
     EXPECT_TRUE(fromTree == *fromFile);
     EXPECT_EQ(fromTree.modelPath(), fromFile->modelPath());
-}
-
-TEST_F(ModelConfigurationTest, FlatLabelNamesBelongToThePredictionField)
-{
-    auto const config = load(kMinimalFile + "LabelNames: [Background, Liver]\n");
-    ASSERT_EQ(config->status(), 0) << config->errorMessage().value_or("");
-    ASSERT_EQ(config->labelNames().size(), 1u);
-    EXPECT_EQ(config->labelNames().at("Prediction"), (std::vector<std::string>{"Background", "Liver"}));
 }
 
 TEST_F(ModelConfigurationTest, SetForceCpuEmitsTheEngineSignalOnChangeOnly)
@@ -271,26 +269,13 @@ INSTANTIATE_TEST_SUITE_P(
                     kMinimalFile + "LabelNames:\n  Seg: [a]\n  Prediction: [b]\n",
                     "'LabelNames' keys must be contained in 'EngineOutputFields'. Found 'Seg' which is not."},
         BadFileCase{
-            "FlatLabelNamesWithoutPredictionField", "model.yaml",
-            "Version: 8\nPredictionOutput: [Image]\nEngine:\n  ModelFile: model.pt\n  OutputFields: [Seg]\n"
-            "LabelNames: [a, b]\n",
-            "'LabelNames' keys must be contained in 'EngineOutputFields'. Found 'Prediction' which is not."},
-        BadFileCase{
             "MirrorPaddingInNewFile", "model.yaml", kMinimalFile + "Sampling:\n  MirrorPadding: true\n",
             "`MirrorPadding` is no longer supported from version 5 on. Please use `PaddingMode: [Mirror, "
             "Clamp, Zero]` instead."},
         BadFileCase{"BadPaddingMode", "model.yaml", kMinimalFile + "Sampling:\n  PaddingMode: Wrap\n",
                     "Got invalid padding mode `Wrap`. Please choose from Mirror, Zero, Clamp. "},
         BadFileCase{"UpgradeWithoutEngine", "model.yaml",
-                    "Version: 5\nPredictionOutput: [Image]\nModelFile: m.pt\n", "Missing Engine"},
-        BadFileCase{"UpgradeWithBothPaddings", "model.yaml",
-                    "Version: 4\nEngine: torch\nModelFile: m.pt\nPredictionOutput: [Image]\n"
-                    "Sampling:\n  MirrorPadding: true\n  PaddingMode: Zero\n",
-                    "Both MirrorPadding and PaddingMode parameters were specified, please pick only one."},
-        BadFileCase{"UpgradeSplitNotMultiple", "model.yaml",
-                    "Version: 7\nUpgradeToMLModelV2: true\nPredictionOutput: [Image]\n" + kEngine +
-                        "Sampling:\n  MaxSizeSubdivision: [100, 100, 1]\n  DimensionDivisor: [16, 16, 1]\n",
-                    "MaxSizeSubdivision is not a multiple of DimensionDivisor."}),
+                    "Version: 5\nPredictionOutput: [Image]\nModelFile: m.pt\n", "Missing Engine"}),
     [](testing::TestParamInfo<BadFileCase> const& info) { return info.param.label; });
 
 TEST_F(ModelConfigurationTest, MissingFileAndNegativeVersionAreRefused)
@@ -371,16 +356,6 @@ TEST_P(ModelConfigurationOldVersion, UpgradesToTheSameModelAsTheCurrentFile)
 
 INSTANTIATE_TEST_SUITE_P(All, ModelConfigurationOldVersion, testing::Range(2, 9));
 
-TEST_F(ModelConfigurationTest, Schema2TypeBecomesPredictionTypeWithoutFlag)
-{
-    auto const config = load(modelFileOfVersion(2));
-    ASSERT_EQ(config->status(), 0) << config->errorMessage().value_or("");
-    EXPECT_EQ(config->upgradedVersion(), 7);
-    EXPECT_EQ(config->modelType(), ModelType::NeuralNetwork);
-    EXPECT_EQ(config->predictionTypes(), std::vector<PredictionType>{PredictionType::Regression});
-    EXPECT_EQ(config->getPreProcessingOptions().front().name, "MakeFloat");
-}
-
 // ---- Saving -------------------------------------------------------------------------------
 
 class ModelConfigurationSave : public ModelConfigurationTest, public testing::WithParamInterface<std::string>
@@ -442,16 +417,19 @@ TEST_F(ModelConfigurationTest, SaveFailsIntoAMissingFolderAndForAFailedConfigura
     EXPECT_FALSE(Filesystem::File(Filesystem::Path(folder() + "/saved.yaml")).exists());
 }
 
-TEST_F(ModelConfigurationTest, CompareIgnoresTheFlagAndOptionallyTheVersion)
+// The enumeration names read in any case; values outside the enumerations are written as unknown.
+TEST(ModelEnums, NamesReadInAnyCaseAndStrayValuesWriteAsUnknown)
 {
-    auto const a = load(kMinimalFile, "a.yaml");
-    auto const b = load(kMinimalFile + "UpgradeToMLModelV2: true\n", "b.yaml");
-    auto const c = load("Version: 9\nPredictionOutput: [Image]\n" + kEngine, "c.yaml");
-    auto const d = load(kMinimalFile + "Name: other\n", "d.yaml");
-    EXPECT_TRUE(*a == *b);
-    EXPECT_TRUE(*a != *c);
-    EXPECT_TRUE(a->compareWith(*c, true));
-    EXPECT_FALSE(a->compareWith(*d, true));
+    EXPECT_EQ(stringToModelType("RANDOMFOREST"), ModelType::RandomForest);
+    EXPECT_EQ(stringToPredictionOutput("boundingboxes"), PredictionOutput::BoundingBoxes);
+    EXPECT_EQ(stringToPredictionType("OBJECTDETECTION"), PredictionType::ObjectDetection);
+    EXPECT_EQ(modelTypeToString(static_cast<ModelType>(7)), "unknown");
+    EXPECT_EQ(predictionOutputToString(static_cast<PredictionOutput>(9)), "Unknown");
+    EXPECT_EQ(predictionTypeToString(static_cast<PredictionType>(-5)), "Unknown");
+    // "unknown" is no model type, although stray values are written so.
+    MLTest::expectThrowWithMessage<ParamException>(
+        [] { stringToModelType("unknown"); },
+        "Unknown model type 'unknown', supported are ['RandomForest', 'NeuralNetwork']");
 }
 
 } // namespace
