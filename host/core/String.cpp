@@ -141,4 +141,48 @@ bool equalsIgnoreCase(std::string_view a, std::string_view b)
            std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lower(x) == lower(y); });
 }
 
+namespace {
+
+// Optimal string alignment distance (Damerau-Levenshtein without repeated edits of one
+// substring). Keys are short, so the O(n·m) table is cheap; written here because no packaged
+// library offers it without pulling in far more than a dozen lines.
+std::size_t editDistance(std::string_view a, std::string_view b)
+{
+    std::size_t const n = a.size();
+    std::size_t const m = b.size();
+    std::vector<std::size_t> table((n + 1) * (m + 1));
+    auto at = [&](std::size_t i, std::size_t j) -> std::size_t& { return table[i * (m + 1) + j]; };
+    auto lower = [](char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); };
+    for (std::size_t i = 0; i <= n; ++i)
+        at(i, 0) = i;
+    for (std::size_t j = 0; j <= m; ++j)
+        at(0, j) = j;
+    for (std::size_t i = 1; i <= n; ++i) {
+        for (std::size_t j = 1; j <= m; ++j) {
+            std::size_t const cost = lower(a[i - 1]) == lower(b[j - 1]) ? 0 : 1;
+            at(i, j) = std::min({at(i - 1, j) + 1, at(i, j - 1) + 1, at(i - 1, j - 1) + cost});
+            if (i > 1 && j > 1 && lower(a[i - 1]) == lower(b[j - 2]) && lower(a[i - 2]) == lower(b[j - 1]))
+                at(i, j) = std::min(at(i, j), at(i - 2, j - 2) + 1);
+        }
+    }
+    return at(n, m);
+}
+
+} // namespace
+
+std::string closestMatch(std::string_view word, std::vector<std::string> const& candidates)
+{
+    std::size_t const limit = std::max<std::size_t>(1, word.size() / 3);
+    std::string best;
+    std::size_t bestDistance = limit + 1;
+    for (auto const& candidate : candidates) {
+        std::size_t const distance = editDistance(word, candidate);
+        if (distance < bestDistance) {
+            bestDistance = distance;
+            best = candidate;
+        }
+    }
+    return best;
+}
+
 } // namespace Velmoria::String

@@ -36,4 +36,10 @@ std::string_view trimView(std::string_view text);
 // Compares ignoring ASCII case.
 bool equalsIgnoreCase(std::string_view a, std::string_view b);
 
+// The candidate a misspelt `word` most likely meant, for "did you mean" hints: the one with the
+// fewest single-character edits (insert, delete, replace, swap of neighbours; ASCII case
+// ignored), if that is at most a third of the word's length (at least 1). Empty when none is
+// that close; ties go to the earlier candidate.
+std::string closestMatch(std::string_view word, std::vector<std::string> const& candidates);
+
 } // namespace Velmoria::String

@@ -442,11 +442,20 @@ bool Operation::configure(Properties const& properties)
         for (ParameterBase const* parameter : m_manuallyConfiguredParameters)
             used.insert(parameter->name());
 
-        for (Properties::Param const& param : properties.params())
-            if (!used.contains(param.key))
-                warnOperationUnexpectedBehaviour("Parameter '" + param.key +
+        for (Properties::Param const& param : properties.params()) {
+            if (used.contains(param.key))
+                continue;
+            // A second line after the warning: the key the user most likely meant.
+            std::string hint;
+            std::string const closest =
+                String::closestMatch(param.key, std::vector<std::string>(used.begin(), used.end()));
+            if (!closest.empty())
+                hint = fmt::format("{}: did you mean '{}' instead of '{}'?", m_name, closest, param.key);
+            warnOperationUnexpectedBehaviour("Parameter '" + param.key +
                                                  "' was specified but not used during the configuration of "
-                                                 "the operation.");
+                                                 "the operation.",
+                                             hint);
+        }
 
         return configureOnly(properties, m_parameters) && ok;
     } catch (OperationException const& e) {
@@ -621,12 +630,15 @@ void Operation::warnLossyConversion(std::string const& field, DataElement const&
                          values, field, type, m_name);
 }
 
-void Operation::warnOperationUnexpectedBehaviour(std::string const& message) const
+void Operation::warnOperationUnexpectedBehaviour(std::string const& message, std::string const& hint) const
 {
-    if (m_warnedMessages.insert(message).second)
+    if (m_warnedMessages.insert(message).second) {
         VELMORIA_LOG_WARNING(m_logCategory, "{}", message);
+        if (!hint.empty())
+            VELMORIA_LOG_WARNING(m_logCategory, "{}", hint);
+    }
     if (m_errorOnUnexpectedBehaviour)
-        throwOperationError(message);
+        throwOperationError(hint.empty() ? message : message + " " + hint);
 }
 
 void Operation::throwOperationError(std::string const& message) const

@@ -220,8 +220,10 @@ public:
     // implementations begin with it and return their input unchanged on true.
     bool inputIsEmptyOrNull(SharedImageSet const* sis) const;
 
-    // See the file comment.
-    void warnOperationUnexpectedBehaviour(std::string const& message) const;
+    // See the file comment. `hint`, when given, follows the warning as a line of its own (a
+    // "did you mean" for a misspelt key) and is appended to the error with
+    // error_on_unexpected_behaviour.
+    void warnOperationUnexpectedBehaviour(std::string const& message, std::string const& hint = {}) const;
     // Throws OperationException "[ML.<name>] <message>".
     [[noreturn]] void throwOperationError(std::string const& message) const;
     // "Wrong value for parameter '<name>' - either it was missing while required, or it was

@@ -188,6 +188,14 @@ INSTANTIATE_TEST_SUITE_P(
                     "short:\n  - Clip\n",
                     {"--section", "short"},
                     [](double x) { return std::min(std::max(x, 0.0), 1.0); }},
+        // A misspelt key is a warning with the key that was meant; the default is used.
+        ProcessCase{
+            "MisspeltKey",
+            "- Clip: {min: 0, maxx: 10}\n",
+            {},
+            [](double x) { return std::min(std::max(x, 0.0), 1.0); },
+            false,
+            {"Parameter 'maxx' was specified but not used", "Clip: did you mean 'max' instead of 'maxx'?"}},
         ProcessCase{
             "InferenceSkipsTraining",
             kTrainingOnly,

@@ -47,6 +47,21 @@ TEST(String, SplitTrimReplaceCaseAndAffixes)
     EXPECT_EQ(String::join({}, ", "), "");
 }
 
+// "Did you mean" hints: one edit per three letters at most, swapped neighbours count once, case
+// is ignored, and nothing is suggested for a word that resembles no candidate.
+TEST(String, ClosestMatchSuggestsOnlyNearKeys)
+{
+    std::vector<std::string> const keys = {"resolution", "target_dims", "max", "min", "apply_to"};
+    EXPECT_EQ(String::closestMatch("resolutoin", keys), "resolution");
+    EXPECT_EQ(String::closestMatch("target_dim", keys), "target_dims");
+    EXPECT_EQ(String::closestMatch("MAX", keys), "max");
+    EXPECT_EQ(String::closestMatch("mxa", keys), "max");
+    EXPECT_EQ(String::closestMatch("maxx", keys), "max");
+    EXPECT_EQ(String::closestMatch("spacing", keys), "");
+    EXPECT_EQ(String::closestMatch("reso", keys), "");
+    EXPECT_EQ(String::closestMatch("x", {}), "");
+}
+
 enum class Option : unsigned
 {
     None = 0,
