@@ -1,5 +1,6 @@
 #include "ml/model/Engine.h"
 
+#include "ml/model/ModelResources.h"
 #include "ml/operations/Singleton.h"
 
 #include "host/core/Filesystem.h"
@@ -237,8 +238,13 @@ std::optional<ByteBuffer> Engine::loadModelArtifact() const
             VELMORIA_LOG_ERROR(kCategory, "Could not read model file '{}' of engine '{}'", path, m_name);
         return bytes;
     }
-    if (!Resource::locate(path))
+    if (!Resource::locate(path)) {
+        std::string const& written = config.rawModelFile.empty() ? path : config.rawModelFile;
+        VELMORIA_LOG_ERROR(kCategory, "Model file '{}' of engine '{}' was not found; looked at: {}", written,
+                           m_name,
+                           String::join(modelPathPlaces(written, config.p_yamlConfigPath.value()), "; "));
         return std::nullopt;
+    }
     VELMORIA_LOG_DEBUG(kCategory, "Loading model from resource: {}", path);
     std::optional<ByteBuffer> bytes = Resource::query(path);
     if (!bytes)

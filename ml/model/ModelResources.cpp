@@ -4,6 +4,8 @@
 #include "host/core/Settings.h"
 #include "host/core/String.h"
 
+#include <fmt/format.h>
+
 #include <memory>
 #include <utility>
 
@@ -50,6 +52,35 @@ std::string modelPathToAbsoluteIfNotResource(std::string const& path, std::strin
     }
 
     return asPath.makeAbsolute().str();
+}
+
+std::vector<std::string> modelPathPlaces(std::string const& path, std::string const& basePath)
+{
+    if (path.starts_with(kFileScheme))
+        return modelPathPlaces(path.substr(kFileScheme.size()), basePath);
+    if (path.size() >= 2 && path.front() == '"' && path.back() == '"')
+        return modelPathPlaces(path.substr(1, path.size() - 2), basePath);
+
+    Filesystem::Path const asPath(path);
+    if (asPath.isAbsolute())
+        return {path};
+    auto const setting = [](char const* key) {
+        std::string const folder = Settings::get().valueOr<std::string>(key, "");
+        return folder.empty() ? fmt::format("{} not set", key) : fmt::format("{} '{}'", key, folder);
+    };
+    std::vector<std::string> places = {fmt::format("resource '{}' ({}, {})", path,
+                                                   setting(Repository_MLModels::SettingKey),
+                                                   setting(Repository_VelmoriaML::SettingKey))};
+    if (!basePath.empty())
+        places.push_back(fmt::format(
+            "{} (next to the YAML file)",
+            (Filesystem::Path(basePath).makeAbsolute().parentDirectory() / asPath).lexicallyNormal().str()));
+    std::string folder;
+    if (Settings::get().value(kDefaultModelFolderKey, folder) && !folder.empty())
+        places.push_back(fmt::format("{} ({})", (Filesystem::Path(folder) / asPath).lexicallyNormal().str(),
+                                     kDefaultModelFolderKey));
+    places.push_back(fmt::format("{} (the working folder)", asPath.makeAbsolute().str()));
+    return places;
 }
 
 ModelFolderRepository::ModelFolderRepository(std::string name, Filesystem::Path root)

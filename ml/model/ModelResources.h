@@ -32,11 +32,17 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Velmoria::ML {
 
 // See the file comment. Logs in "ML.ModelResources".
 std::string modelPathToAbsoluteIfNotResource(std::string const& path, std::string const& basePath = {});
+
+// The places that modelPathToAbsoluteIfNotResource looks at for `path`, in its order, each with
+// what it is ("/data/liver.pt (next to the YAML file)"), for the message of a model file that
+// is found nowhere.
+std::vector<std::string> modelPathPlaces(std::string const& path, std::string const& basePath = {});
 
 // A folder repository that holds nothing while its folder is empty.
 class ModelFolderRepository : public Resource::FolderRepository

@@ -248,6 +248,9 @@ protected:
         VelmoriaCommandTest::SetUp();
         writeText("list.yaml", kSections);
         writeText("unknown.yaml", "- NoSuchOperation: {}\n");
+        writeText("no-artefact.yaml",
+                  "Version: 8\nName: lost\nType: NeuralNetwork\nPredictionOutput: [Image]\n"
+                  "Engine:\n  Name: torch\n  ModelFile: nothere.pt\n");
         // Parameters that would turn every voxel into Inf or NaN.
         writeText("hostile.yaml",
                   "zero_scale:\n  - MakeFloat\n  - AdjustShiftScale: {shift: [1], scale: [0]}\n"
@@ -396,6 +399,14 @@ INSTANTIATE_TEST_SUITE_P(
                      "{dir}/out.nii"},
                     1,
                     {"{dir}/absent.yaml"}},
+        CommandCase{
+            "ArtefactNowhere",
+            {"predict", "--model", "{dir}/no-artefact.yaml", "--input", "{dir}/input.nii", "--output",
+             "{dir}/out.nii"},
+            1,
+            {"Model file 'nothere.pt' of engine 'torch' was not found; looked at: resource 'nothere.pt'",
+             "; {dir}/nothere.pt (next to the YAML file); ", "nothere.pt (the working folder)"},
+            true},
         CommandCase{"UnknownInputField",
                     predictArguments({"--input", "Bogus={dir}/input.nii", "--output", "{dir}/out.nii"}),
                     1,
