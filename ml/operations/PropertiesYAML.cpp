@@ -345,7 +345,10 @@ std::unique_ptr<Properties> PropertiesYAML::createFromNode(YAML::Node const& nod
     try {
         insertNode(node, *properties, true);
     } catch (std::exception const& e) {
+        // A tree cut off at the failing key would silently lose every key after it: a text that
+        // cannot be converted whole is refused.
         VELMORIA_LOG_ERROR(Category, "Failed to create Properties from YAML: {}", e.what());
+        return nullptr;
     }
     return properties;
 }

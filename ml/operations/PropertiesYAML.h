@@ -68,8 +68,9 @@ public:
     static std::unique_ptr<Properties> createFromResource(std::string const& name, bool reportMissing = true);
     // An absolute path is a file, anything else a resource name.
     static std::unique_ptr<Properties> createFromResourceOrFile(std::string const& path);
-    // Null (logged) for an undefined node. When a part of the node cannot be mapped (a key that
-    // is not a scalar), the failure is logged and the tree read so far is returned.
+    // Null (logged) for an undefined node, and when a part of the node cannot be mapped (a key
+    // that is not a scalar): a tree without the keys after the failing one would be silently
+    // wrong.
     static std::unique_ptr<Properties> createFromNode(YAML::Node const& node);
 
     static std::string saveToString(Properties const& properties);

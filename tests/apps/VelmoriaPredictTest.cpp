@@ -251,6 +251,7 @@ protected:
         writeText("no-artefact.yaml",
                   "Version: 8\nName: lost\nType: NeuralNetwork\nPredictionOutput: [Image]\n"
                   "Engine:\n  Name: torch\n  ModelFile: nothere.pt\n");
+        writeText("map-key.yaml", "- Clip: {min: 0, [a, b]: 1, max: 5}\n");
         // Parameters that would turn every voxel into Inf or NaN.
         writeText("hostile.yaml",
                   "zero_scale:\n  - MakeFloat\n  - AdjustShiftScale: {shift: [1], scale: [0]}\n"
@@ -329,6 +330,13 @@ INSTANTIATE_TEST_SUITE_P(
              "{dir}/out.nii"},
             1,
             {"The processing list '{dir}/list.yaml' has sections: first, second. Choose one with --section"}},
+        // YAML that cannot be read whole is refused, not run with the keys before the fault.
+        CommandCase{
+            "KeyThatIsAList",
+            {"process", "--config", "{dir}/map-key.yaml", "--input", "{dir}/input.nii", "--output",
+             "{dir}/out.nii"},
+            1,
+            {"Failed to create Properties from YAML", "Could not read the YAML of '{dir}/map-key.yaml'"}},
         CommandCase{"UnknownOperation",
                     {"process", "--config", "{dir}/unknown.yaml", "--input", "{dir}/input.nii", "--output",
                      "{dir}/out.nii"},
