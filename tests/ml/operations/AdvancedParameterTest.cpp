@@ -2,10 +2,17 @@
 // names and their precedence, the "required" attribute, enumerations read as integers or names,
 // the messages of every failure, and the written configuration. The owner is a minimal class
 // that meets the owner contract, and the parameter types are those the library instantiates.
+// Then the text forms that processing lists use (ComputingDevice, ParamUnit, ProcessingPolicy,
+// the Phase mask) and the readers of size-like keys that take one value, two or three.
 
 #include "ml/operations/AdvancedParameter.h"
 
+#include "ml/TestHelpers.h"
 #include "ml/operations/Operation.h"
+#include "ml/operations/OperationEnums.h"
+#include "ml/operations/ParamException.h"
+#include "ml/operations/ParamReading.h"
+#include "ml/operations/Phase.h"
 
 #include "host/core/Log.h"
 
@@ -15,6 +22,7 @@
 #include <algorithm>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace Velmoria;
@@ -156,6 +164,13 @@ TEST_F(AdvancedParameterConfigure, UnparsableValueThrowsEvenWhenOptional)
     EXPECT_EQ(paramExceptionText([&] { p.configure(&props); }), text);
     EXPECT_TRUE(capture.contains(text, "ML.Owner"));
     EXPECT_EQ(p.value(), 1.5);
+
+    // So is an unreadable deprecated key when nothing else is given.
+    AdvancedParameter<int, Owner> q{"size", 1, &owner, ParamRequired::No, "old_size"};
+    Properties old{{"old_size", "big"}};
+    EXPECT_EQ(paramExceptionText([&] { q.configure(&old); }),
+              "Parameter 'old_size' could not be parsed, please check the syntax");
+    EXPECT_EQ(q.value(), 1);
 }
 
 TEST_F(AdvancedParameterConfigure, RequiredAttributeOfTheTreeOverrulesTheDeclaration)
@@ -223,15 +238,6 @@ INSTANTIATE_TEST_SUITE_P(
                        ""},
         DeprecatedCase{"WithoutOwner", Properties{{"old_size", 8}}, 8, "ML.AdvancedParameter", true}),
     [](auto const& info) { return info.param.label; });
-
-TEST_F(AdvancedParameterConfigure, UnreadableDeprecatedKeyAloneIsAnError)
-{
-    AdvancedParameter<int, Owner> p{"size", 1, &owner, ParamRequired::No, "old_size"};
-    Properties props{{"old_size", "big"}};
-    EXPECT_EQ(paramExceptionText([&] { p.configure(&props); }),
-              "Parameter 'old_size' could not be parsed, please check the syntax");
-    EXPECT_EQ(p.value(), 1);
-}
 
 // ---- Enumerations --------------------------------------------------------------------------------
 
@@ -308,92 +314,154 @@ TEST_F(EnumParameter, ConfigurationWritesNamesWithTheEnumerationKind)
     EXPECT_EQ(props.paramAttribute("unit", "deprecatedName"), "units");
 }
 
-TEST_F(EnumParameter, CopyForANewOwnerTakesStateAndRegisters)
-{
-    named = Color::Green;
-    Owner second("Second");
-    AdvancedParameter<Color, Owner> copy(named, &second);
-    EXPECT_EQ(copy.value(), Color::Green);
-    EXPECT_EQ(copy.defaultValue(), Color::Red);
-    EXPECT_EQ(copy.owner(), &second);
-    EXPECT_EQ(second.registered, std::vector<ParameterBase*>{&copy});
-    Properties props{{"color", "Blue"}};
-    EXPECT_TRUE(copy.configure(&props));
-    EXPECT_EQ(copy.value(), Color::Blue);
-    EXPECT_EQ(named.value(), Color::Green);
-}
-
 // ---- The library's value types ---------------------------------------------------------------------
 
+// What is written reads back, and text that is not a T is refused without changing the value.
 template <class T>
-struct Sample;
-
-template <>
-struct Sample<int>
+void expectRoundTripAndRefusal(T const& sample, T const& zero, char const* bad)
 {
-    static int value() { return -12; }
-    static constexpr char const* bad = "1.5";
-};
-template <>
-struct Sample<unsigned long>
-{
-    static unsigned long value() { return 1UL << 40; }
-    static constexpr char const* bad = "-1";
-};
-template <>
-struct Sample<std::optional<double>>
-{
-    static std::optional<double> value() { return 2.5; }
-    static constexpr char const* bad = "two";
-};
-template <>
-struct Sample<Eigen::Vector3d>
-{
-    static Eigen::Vector3d value() { return {1.0, -2.0, 0.5}; }
-    static constexpr char const* bad = "1 2";
-};
-template <>
-struct Sample<std::vector<Eigen::Vector3f>>
-{
-    static std::vector<Eigen::Vector3f> value() { return {{1, 2, 3}, {4, 5, 6}}; }
-    static constexpr char const* bad = "1 2 3 4";
-};
-
-// A value other than the sample (Eigen leaves default-constructed values uninitialised).
-template <class T>
-T zeroOf()
-{
-    if constexpr (ValueText::FixedEigen<T>)
-        return T::Zero();
-    else
-        return T{};
-}
-
-template <class T>
-class ValueTypes : public ::testing::Test
-{};
-
-using LibraryTypes = ::testing::Types<int, unsigned long, std::optional<double>, Eigen::Vector3d,
-                                      std::vector<Eigen::Vector3f>>;
-TYPED_TEST_SUITE(ValueTypes, LibraryTypes);
-
-TYPED_TEST(ValueTypes, WrittenValueReadsBackAndBadTextIsRefused)
-{
+    SCOPED_TRACE(bad);
     Owner owner("Types");
-    AdvancedParameter<TypeParam, Owner> source{"v", zeroOf<TypeParam>(), &owner};
-    source = Sample<TypeParam>::value();
+    AdvancedParameter<T, Owner> source{"v", zero, &owner};
+    source = sample;
     Properties props;
     source.configuration(&props);
 
-    AdvancedParameter<TypeParam, Owner> target{"v", zeroOf<TypeParam>(), &owner, ParamRequired::Yes};
+    AdvancedParameter<T, Owner> target{"v", zero, &owner, ParamRequired::Yes};
     EXPECT_TRUE(target.configure(&props));
-    EXPECT_TRUE(ValueText::sameValue(target.value(), Sample<TypeParam>::value()));
+    EXPECT_TRUE(ValueText::sameValue(target.value(), sample));
 
     Log::Capture capture;
-    Properties bad{{"v", Sample<TypeParam>::bad}};
-    EXPECT_THROW(target.configure(&bad), ParamException);
-    EXPECT_TRUE(ValueText::sameValue(target.value(), Sample<TypeParam>::value()));
+    Properties badProps{{"v", bad}};
+    EXPECT_THROW(target.configure(&badProps), ParamException);
+    EXPECT_TRUE(ValueText::sameValue(target.value(), sample));
     EXPECT_TRUE(capture.contains("Parameter 'v' could not be parsed, please check the syntax", "ML.Types"));
+}
+
+TEST(AdvancedParameterTypes, WrittenValuesReadBackAndBadTextIsRefused)
+{
+    expectRoundTripAndRefusal(-12, 0, "1.5");
+    expectRoundTripAndRefusal(1UL << 40, 0UL, "-1");
+    expectRoundTripAndRefusal(std::optional<double>(2.5), std::optional<double>(), "two");
+    expectRoundTripAndRefusal(Eigen::Vector3d(1.0, -2.0, 0.5), Eigen::Vector3d::Zero().eval(), "1 2");
+    expectRoundTripAndRefusal(std::vector<Eigen::Vector3f>{{1, 2, 3}, {4, 5, 6}},
+                              std::vector<Eigen::Vector3f>(), "1 2 3 4");
+}
+
+using Policy = Operation::ProcessingPolicy;
+
+TEST(ParamText, ComputingDeviceNamesAndNumbers)
+{
+    std::pair<std::string, int> const spellings[] = {
+        {"gpuifopengl", 2}, {"gpu_if_glimage", 1}, {"ForceGPU", 3}, {"FORCE_CPU", 0}, {" 2", 2},
+        {"-1", -1},         {"3 gpus", 3}};
+    for (auto const& [text, value] : spellings)
+        EXPECT_EQ(static_cast<int>(stringToDevice(text)), value) << text;
+    for (int value : {0, 1, 2, 3, 7, -4})
+        EXPECT_EQ(static_cast<int>(stringToDevice(deviceToString(static_cast<ComputingDevice>(value)))),
+                  value);
+    for (std::string const text : {"", "force-gpu", "99999999999999999999"})
+        MLTest::expectThrowWithMessage<ParamException>(
+            [&] { stringToDevice(text); },
+            "Unknown computing device '" + text +
+                "', supported are ['gpu_if_opengl', 'gpu_if_glimage', 'force_gpu', 'force_cpu']");
+}
+
+TEST(ParamText, UnitsAndPoliciesReadBackAndRefuseUnknownNames)
+{
+    for (auto const& [text, unit] : std::vector<std::pair<std::string, ParamUnit>>{
+             {"mm", ParamUnit::MM}, {"FRACTION", ParamUnit::Fraction}, {"Voxel", ParamUnit::Voxel}}) {
+        EXPECT_EQ(stringToParamUnit(text), unit) << text;
+        EXPECT_EQ(stringToParamUnit(paramUnitToString(unit)), unit) << text;
+    }
+    EXPECT_EQ(paramUnitToString(static_cast<ParamUnit>(3)), "");
+    MLTest::expectThrowWithMessage<std::runtime_error>(
+        [] { stringToParamUnit("voxels"); },
+        "Unknown param unit 'voxels', supported are ['MM', 'Fraction', 'Voxel']");
+
+    for (auto const& [text, policy] :
+         std::vector<std::pair<std::string, Policy>>{{"everything", Policy::Everything},
+                                                     {"0", Policy::EverythingButLabels},
+                                                     {"only_labels", Policy::OnlyLabels}})
+        EXPECT_EQ(Operation::stringToProcessingPolicy(text), policy) << text;
+    for (Policy policy : {Policy::EverythingButLabels, Policy::Everything, Policy::OnlyLabels})
+        EXPECT_EQ(Operation::stringToProcessingPolicy(Operation::processingPolicyToString(policy)), policy);
+    EXPECT_EQ(Operation::processingPolicyToString(static_cast<Policy>(3)), "");
+    MLTest::expectThrowWithMessage<std::runtime_error>(
+        [] { Operation::stringToProcessingPolicy("labels"); },
+        "Unknown processing_policy 'labels', supported are ['EVERYTHING', 'EVERYTHING_BUT_LABELS', "
+        "'ONLY_LABELS']");
+}
+
+TEST(ParamText, PhaseSpellingsNamesAndMasks)
+{
+    std::pair<std::string, unsigned> const spellings[] = {{"Train", 1},
+                                                          {"test", 4},
+                                                          {"\"Training\" \"Inference\"", 5},
+                                                          {" \t\f\vvalidation\r\n", 2},
+                                                          {"training training", 1},
+                                                          {"inference always", 7}};
+    for (auto const& [text, mask] : spellings)
+        EXPECT_EQ(static_cast<unsigned>(stringToPhase(text)), mask) << "text: '" << text << "'";
+    for (auto const& [text, word] : std::vector<std::pair<std::string, std::string>>{
+             {"Training Bogus", "bogus"}, {"", ""}, {"training  validation", ""}})
+        MLTest::expectThrowWithMessage<ParamException>(
+            [&] { stringToPhase(text); },
+            "Unknown phase '" + word + "', supported are ['training', 'validation', 'inference', 'always']");
+
+    for (unsigned mask = 1; mask <= 7; ++mask)
+        EXPECT_EQ(stringToPhase(phaseToString(static_cast<Phase>(mask))), static_cast<Phase>(mask)) << mask;
+    EXPECT_EQ(phaseToString(static_cast<Phase>(6)), "Validation Inference");
+    EXPECT_EQ(phaseToString(static_cast<Phase>(0)), "");
+    EXPECT_EQ(phaseToString(static_cast<Phase>(8 | 2)), "Validation");
+    EXPECT_EQ(phaseToString(static_cast<Phase>(0xF)), "Always");
+
+    EXPECT_EQ(detail::multiStringToPhase({"train", "Validation"}), Phase::Training | Phase::Validation);
+    EXPECT_THROW(detail::multiStringToPhase({"train", "later"}), ParamException);
+    Phase mask = Phase::Training;
+    mask |= Phase::Inference;
+    EXPECT_TRUE(includesPhase(mask, Phase::Inference));
+    EXPECT_FALSE(includesPhase(mask, Phase::Validation));
+}
+
+// ---- One value, two or three -------------------------------------------------------------------
+
+TEST(ParamReading, ReadsThreeTwoOrOneValues)
+{
+    struct Case
+    {
+        std::string text;
+        std::optional<Eigen::Vector3d> real;    // nullopt: not read
+        std::optional<Eigen::Vector3i> integer; // nullopt: not read
+    };
+    for (Case const& c : {Case{"1 2 3", Eigen::Vector3d(1, 2, 3), Eigen::Vector3i(1, 2, 3)},
+                          Case{"4 5", Eigen::Vector3d(4, 5, 9), Eigen::Vector3i(4, 5, 9)},
+                          Case{"6", Eigen::Vector3d(6, 6, 6), Eigen::Vector3i(6, 6, 6)},
+                          Case{"0.5 1.5", Eigen::Vector3d(0.5, 1.5, 9), std::nullopt},
+                          Case{"2.5", Eigen::Vector3d(2.5, 2.5, 2.5), std::nullopt},
+                          Case{"1 2 3 4", std::nullopt, std::nullopt},
+                          Case{"large", std::nullopt, std::nullopt}, Case{"", std::nullopt, std::nullopt}}) {
+        SCOPED_TRACE(c.text);
+        Properties p;
+        p.setParam("size", c.text);
+        Eigen::Vector3d real(-1, -1, -1);
+        EXPECT_EQ(detail::readVec3OrVec2OrScalar(p, "size", real, Eigen::Vector3d(7, 8, 9)),
+                  c.real.has_value());
+        EXPECT_EQ(real, c.real.value_or(Eigen::Vector3d(-1, -1, -1)));
+        Eigen::Vector3i integer(-1, -1, -1);
+        EXPECT_EQ(detail::readVec3iOrVec2iOrScalar(p, "size", integer, Eigen::Vector3i(7, 8, 9)),
+                  c.integer.has_value());
+        EXPECT_EQ(integer, c.integer.value_or(Eigen::Vector3i(-1, -1, -1)));
+    }
+
+    // A missing key reads nothing; a YAML sequence arrives as a list value and reads like text.
+    Properties p;
+    Eigen::Vector3i integer(1, 1, 1);
+    EXPECT_FALSE(detail::readVec3iOrVec2iOrScalar(p, "size", integer, Eigen::Vector3i::Zero()));
+    EXPECT_EQ(integer, Eigen::Vector3i(1, 1, 1));
+    p.setParam("size", std::vector<std::string>{"3", "4"});
+    EXPECT_TRUE(detail::readVec3iOrVec2iOrScalar(p, "size", integer, Eigen::Vector3i(0, 0, 1)));
+    EXPECT_EQ(integer, Eigen::Vector3i(3, 4, 1));
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 // (pixel p at (p - (dim - 1) / 2) * spacing in image millimetres, then matrixToWorld) rather than
 // by the code under test, and the message of a failed run.
 
+#include "ml/TestHelpers.h"
 #include "ml/operations/Operation.h"
 #include "ml/operations/OperationException.h"
 
@@ -78,6 +79,15 @@ inline double valueAt(SharedImage const& frame, Eigen::Vector3i const& p, int ch
     Eigen::Vector3i const d = frame.dimensions();
     auto const pixel = (static_cast<std::size_t>(p.z()) * d.y() + p.y()) * d.x() + p.x();
     return storedAt(frame, pixel * frame.channels() + channel);
+}
+
+// One placed float frame holding `values` (interleaved channels); a row of pixels unless a size is given.
+inline std::shared_ptr<SharedImageSet> floatSet(std::vector<double> const& values, int channels = 1,
+                                                Eigen::Vector3i size = Eigen::Vector3i::Zero())
+{
+    if (size.isZero())
+        size = Eigen::Vector3i(static_cast<int>(values.size()) / channels, 1, 1);
+    return std::make_shared<SharedImageSet>(MLTest::placedFrame<float>(size, channels, values));
 }
 
 // The message of the OperationException that processing `set` raises, or "no error".

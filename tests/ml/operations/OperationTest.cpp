@@ -1,11 +1,24 @@
-// Tests of the Operation base class: which fields an item's elements reach (policy, apply_to,
-// missing fields), the dispatch to the typed virtuals and its refusals, hooks, the one-element
-// conveniences, configure/configuration with their messages, seeding, and the GPU decision.
+// Tests of the operation framework. The Operation base class: which fields an item's elements
+// reach (policy, apply_to, missing fields), the dispatch to the typed virtuals and its refusals,
+// hooks, the one-element conveniences, configure/configuration with their messages, seeding, and
+// the GPU decision. OperationsSequence: phases, the failure contract (code 2, emptied item, a
+// message naming every operation and the failing index), construction from specs, and seeds.
+// Inversion end to end: an invertible operation run with "record_identifier" records how to undo
+// itself on each element it processes, and "Inverse" with the same identifier undoes it and
+// removes the record.
 
 #include "TestOperations.h"
+#include "ml/TestHelpers.h"
 #include "ml/data/ImageElement.h"
 #include "ml/data/KeypointsElement.h"
+#include "ml/data/SISBasedElement.h"
+#include "ml/data/components/InversionComponent.h"
+#include "ml/operations/InvertibleOperation.h"
 #include "ml/operations/OperationException.h"
+#include "ml/operations/OperationFactory.h"
+#include "ml/operations/OperationInversionBridge.h"
+#include "ml/operations/OperationsSequence.h"
+#include "ml/operations/catalogue/InverseOperation.h"
 
 #include "host/core/Log.h"
 
@@ -96,27 +109,6 @@ INSTANTIATE_TEST_SUITE_P(
         SelectionCase{"ApplyToSubsetUnderEverything", Policy::Everything,
                       Operation::FieldSet{"boxes", "kpts"}, Fields{"kpts", "boxes"}}),
     [](auto const& info) { return info.param.label; });
-
-TEST(OperationSelection, SelectedFieldsAreNoSetForEverythingAndASetOtherwiseAndAreLogged)
-{
-    DataItem item = makeFullItem();
-    PassOperation everything(Policy::Everything);
-    EXPECT_FALSE(everything.selectedFields(item).has_value());
-
-    PassOperation onlyLabels(Policy::OnlyLabels);
-    DataItem inputsOnly;
-    inputsOnly.set("image", makeSet(1));
-    auto const selected = onlyLabels.selectedFields(inputsOnly);
-    ASSERT_TRUE(selected.has_value());
-    EXPECT_TRUE(selected->empty());
-
-    int const savedLevel = Log::g_globalLevel;
-    Log::g_globalLevel = Log::Debug;
-    Log::Capture capture;
-    onlyLabels.process(item);
-    Log::g_globalLevel = savedLevel;
-    EXPECT_TRUE(capture.contains("Selected fields: [label, label_kpts, ]", "ML.Pass"));
-}
 
 TEST(OperationSelection, AllLabelsUnderEverythingButLabelsWarnsAndChangesNothing)
 {
@@ -271,36 +263,6 @@ TEST(OperationHooks, RunInOrderAroundEachElementAndOneShotListsEmptyAfterwardsUn
     EXPECT_EQ(throwing.oneShotPreProcessHooks().size(), 1U);
 }
 
-int g_recordCalls = 0;
-
-void countRecord(Operation&, DataElement*)
-{
-    ++g_recordCalls;
-}
-
-TEST(OperationHooks, RecordSeamAddsTheInstalledRecorderFirstToNewOperationsOnly)
-{
-    ASSERT_EQ(Operation::processingRecordHook(), nullptr);
-    PassOperation before;
-    EXPECT_TRUE(before.postProcessHooks().empty());
-
-    Operation::setProcessingRecordHook(&countRecord);
-    PassOperation after;
-    Operation::setProcessingRecordHook(nullptr);
-    ASSERT_EQ(after.postProcessHooks().size(), 1U);
-    EXPECT_TRUE(before.postProcessHooks().empty());
-
-    // The recorder runs once on every processed element.
-    g_recordCalls = 0;
-    DataItem item;
-    item.set("image", makeSet(1));
-    item.set("kpts", makeKeypoints());
-    after.process(item);
-    before.process(item);
-    EXPECT_EQ(g_recordCalls, 2);
-    EXPECT_TRUE(PassOperation().postProcessHooks().empty());
-}
-
 // ---- One-element conveniences -------------------------------------------------------------------
 
 TEST(OperationSingleElement, ImageSetIsProcessedWhateverThePolicyAndApplyToIsRestored)
@@ -381,38 +343,9 @@ TEST(OperationWarnings, SameTextLogsOnceAndThrowsEveryTimeInErrorMode)
 
     operation.setErrorOnUnexpectedBehaviour(true);
     EXPECT_EQ(exceptionText([&] { operation.warnOperationUnexpectedBehaviour("odd"); }), "[ML.AddOne] odd");
-    EXPECT_EQ(exceptionText([&] { operation.warnOperationUnexpectedBehaviour("odd"); }), "[ML.AddOne] odd");
     EXPECT_EQ(exceptionText([&] { operation.warnOperationUnexpectedBehaviour("new"); }), "[ML.AddOne] new");
     EXPECT_EQ(capture.count("odd", "ML.AddOne"), 1);
     EXPECT_EQ(capture.count("new", "ML.AddOne"), 1);
-}
-
-TEST(OperationWarnings, EmptyOrNullInputConfigFailedAndDeprecatedTexts)
-{
-    AddOneOperation operation;
-    Log::Capture capture;
-    EXPECT_TRUE(operation.inputIsEmptyOrNull(nullptr));
-    SharedImageSet empty;
-    EXPECT_TRUE(operation.inputIsEmptyOrNull(&empty));
-    EXPECT_FALSE(operation.inputIsEmptyOrNull(makeSet(1).get()));
-    EXPECT_TRUE(capture.contains("Input SharedImageSet is nullptr.", "ML.AddOne"));
-    EXPECT_TRUE(capture.contains("Input SharedImageSet is empty.", "ML.AddOne"));
-
-    auto emptySet = std::make_shared<SharedImageSet>();
-    EXPECT_EQ(operation.processImages(emptySet), emptySet);
-
-    capture.clear();
-    operation.configFailed("size");
-    operation.logDeprecatedParam("old_size", "size");
-    EXPECT_EQ(
-        capture.count("Wrong value for parameter 'size' - either it was missing while required, or it was "
-                      "present but wrongly formatted.",
-                      "ML.AddOne"),
-        1);
-    EXPECT_EQ(
-        capture.count("Using deprecated parameter 'old_size'. Please use: 'size' instead.", "ML.AddOne"), 1);
-    EXPECT_EQ(capture.records()[0].level, Log::Error);
-    EXPECT_EQ(capture.records()[1].level, Log::Warning);
 }
 
 // ---- configure ------------------------------------------------------------------------------------
@@ -582,39 +515,6 @@ TEST_F(OperationConfigure, SeedReseedsTheOperationsOwnGenerator)
 
 // ---- configuration ------------------------------------------------------------------------------
 
-TEST(OperationConfiguration, KeysInOrderWithTypesAndAttributes)
-{
-    AddOneOperation operation;
-    Properties p = operation.configuration();
-    EXPECT_EQ(p.paramKeys(),
-              (std::vector<std::string>{"device", "processing_policy", "error_on_unexpected_behaviour",
-                                        "record_identifier", "amount", "unit"}));
-    EXPECT_EQ(p.paramValueText("device"), "GPUIfOpenGl");
-    EXPECT_EQ(ParamType::kind(p.paramType("device")), ParamType::Enumeration);
-    EXPECT_EQ(p.paramAttribute("device", "values"), "ForceCPU, GPUIfGlImage, GPUIfOpenGl, ForceGPU");
-    EXPECT_EQ(p.paramValueText("processing_policy"), "0");
-    EXPECT_EQ(ParamType::kind(p.paramType("processing_policy")), ParamType::Enumeration);
-    EXPECT_EQ(p.paramAttribute("processing_policy", "values"), "EverythingButLabels, Everything, OnlyLabels");
-    EXPECT_EQ(p.paramValueText("error_on_unexpected_behaviour"), "false");
-    EXPECT_EQ(p.paramAttribute("record_identifier", "hidden"), "1");
-    EXPECT_TRUE(ParamType::isHidden(p.paramType("record_identifier")));
-    EXPECT_EQ(p.paramValueText("unit"), "MM");
-
-    operation.seedRandomEngine(5);
-    operation.setApplyTo(Operation::FieldSet{"z", "a"});
-    operation.setRecordIdentifier("id");
-    operation.setComputingDevice(ComputingDevice::ForceGPU);
-    p = operation.configuration();
-    EXPECT_EQ(p.paramKeys(), (std::vector<std::string>{"device", "processing_policy", "seed", "apply_to",
-                                                       "error_on_unexpected_behaviour", "record_identifier",
-                                                       "amount", "unit"}));
-    EXPECT_EQ(p.paramValueText("device"), "ForceGPU");
-    EXPECT_EQ(p.paramValueText("seed"), "5");
-    EXPECT_EQ(p.paramOr("apply_to", std::vector<std::string>{}), (std::vector<std::string>{"a", "z"}));
-    EXPECT_EQ(p.paramAttribute("record_identifier", "hidden"), "0");
-    EXPECT_FALSE(ParamType::isHidden(p.paramType("record_identifier")));
-}
-
 TEST(OperationConfiguration, ConfiguringFromTheConfigurationGivesTheSameConfiguration)
 {
     AddOneOperation source;
@@ -625,8 +525,17 @@ TEST(OperationConfiguration, ConfiguringFromTheConfigurationGivesTheSameConfigur
                                             {"record_identifier", "r"},
                                             {"amount", 0.25},
                                             {"unit", 1}}));
+    source.setApplyTo(Operation::FieldSet{"z", "a"});
+    Properties const p = source.configuration();
+    EXPECT_EQ(p.paramKeys(), (std::vector<std::string>{"device", "processing_policy", "seed", "apply_to",
+                                                       "error_on_unexpected_behaviour", "record_identifier",
+                                                       "amount", "unit"}));
+    EXPECT_EQ(p.paramValueText("device"), "ForceGPU");
+    EXPECT_EQ(p.paramAttribute("processing_policy", "values"), "EverythingButLabels, Everything, OnlyLabels");
+    EXPECT_FALSE(ParamType::isHidden(p.paramType("record_identifier")));
+    EXPECT_TRUE(ParamType::isHidden(AddOneOperation().configuration().paramType("record_identifier")));
     AddOneOperation copy;
-    ASSERT_TRUE(copy.configure(source.configuration()));
+    ASSERT_TRUE(copy.configure(p));
     EXPECT_TRUE(copy.configuration().compareWith(source.configuration(), Properties::CompareAll))
         << copy.configuration().describe() << source.configuration().describe();
     EXPECT_EQ(copy.p_unit.value(), ParamUnit::Fraction);
@@ -682,10 +591,8 @@ INSTANTIATE_TEST_SUITE_P(
     Devices, ShouldRunOnGpuTest,
     ::testing::Values(
         GpuCase{"ForceGpuFloat2D", kGpu, image(), false, true, ""},
-        GpuCase{"ForceGpuFloat3DFourChannels", kGpu, image(4, {3, 3, 3}), false, true, ""},
         GpuCase{"ForceCpu", ComputingDevice::ForceCPU, image(), false, false, ""},
         GpuCase{"GpuIfOpenGlWithoutContext", ComputingDevice::GPUIfOpenGl, image(), false, false, ""},
-        GpuCase{"GpuIfGlImageWithoutContext", ComputingDevice::GPUIfGlImage, image(), false, false, ""},
         GpuCase{"DeviceOutsideTheEnum", static_cast<ComputingDevice>(7), image(), false, false, ""},
         GpuCase{"NullSet", kGpu, [] { return std::shared_ptr<SharedImageSet>(); }, false, false, ""},
         GpuCase{"EmptySet", kGpu, [] { return std::make_shared<SharedImageSet>(); }, false, false, ""},
@@ -693,8 +600,6 @@ INSTANTIATE_TEST_SUITE_P(
         GpuCase{"FiveChannelsInBatches", kGpu, image(5), true, true, ""},
         GpuCase{"OneDimension", kGpu, image(1, {8, 1, 1}), false, false, "with only 1 dimension."},
         GpuCase{"Int", kGpu, image<int>(), false, false, "of type 'Int'."},
-        GpuCase{"UInt", kGpu, image<unsigned int>(), false, false, "of type 'UInt'."},
-        GpuCase{"Double", kGpu, image<double>(), false, false, "of type 'Double'."},
         GpuCase{"UShortIsFine", kGpu, image<unsigned short>(2), false, true, ""},
         GpuCase{"FirstBadFrameDecides", kGpu, firstBadFrameDecides, false, false,
                 "with more than 4 channels."}),
@@ -725,15 +630,393 @@ TEST(OperationGpu, UseGpuWarnsOnceThroughTheOperationAndHonoursChannelBatches)
     EXPECT_THROW(operation.useGPU(sis.get()), OperationException);
 }
 
-TEST(OperationGpu, CpuPreparationMarksGpuCopiesStale)
+// ---- OperationsSequence ---------------------------------------------------------------------------
+
+class FailOperation : public Operation
 {
-    AddOneOperation operation;
-    auto sis = makeSet(2);
-    ASSERT_FALSE(sis->get(0)->isGlDirty());
-    operation.prepareInputForDevice(*sis);
-    EXPECT_TRUE(sis->get(0)->isGlDirty());
-    EXPECT_TRUE(sis->get(1)->isGlDirty());
-    EXPECT_FALSE(sis->get(1)->isMemDirty());
+public:
+    FailOperation()
+        : Operation("Fail", ProcessingPolicy::Everything)
+    {}
+    std::shared_ptr<SharedImageSet> processImages(std::shared_ptr<SharedImageSet>) const override
+    {
+        throwOperationError("deliberate failure");
+    }
+};
+
+// Adds a uniform random number from its own generator to the first pixel.
+class RandomShiftOperation : public Operation
+{
+public:
+    RandomShiftOperation()
+        : Operation("RandomShift", ProcessingPolicy::Everything)
+    {}
+    std::shared_ptr<SharedImageSet> processImages(std::shared_ptr<SharedImageSet> sis) const override
+    {
+        static_cast<float*>(sis->mem(0)->data())[0] +=
+            static_cast<float>(randomGenerator().getUniformReal(0.0, 1.0));
+        return sis;
+    }
+};
+
+DataItem imageItem()
+{
+    DataItem item;
+    item.set("image", makeSet(1));
+    return item;
+}
+
+std::shared_ptr<Operation> addOne()
+{
+    return std::make_shared<AddOneOperation>();
+}
+
+TEST(OperationsSequence, EmptySequenceSucceedsAndANullOperationCannotBeAdded)
+{
+    OperationsSequence sequence;
+    DataItem item = imageItem();
+    EXPECT_FALSE(sequence.process(item, Phase::Inference).has_value());
+    EXPECT_EQ(pixel(item, "image"), 0.0f);
+    EXPECT_TRUE(sequence.doesNotModifyInput());
+
+    auto error = sequence.addOperation(nullptr, Phase::Always);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code, 1u);
+    EXPECT_EQ(error->message, "Cannot add invalid Operation instance");
+    EXPECT_TRUE(sequence.operations().empty());
+}
+
+TEST(OperationsSequence, OperationsRunOnlyWhenTheirPhasesMeetTheRun)
+{
+    struct Case
+    {
+        Phase entry;
+        Phase run;
+        bool runs;
+    };
+    for (Case const& c :
+         {Case{Phase::Training, Phase::Inference, false}, Case{Phase::Always, Phase::Inference, true},
+          Case{Phase::Training | Phase::Validation, Phase::Validation, true},
+          Case{Phase::Training | Phase::Validation, Phase::Inference, false},
+          Case{Phase::Inference, Phase::Inference, true}}) {
+        OperationsSequence sequence;
+        ASSERT_FALSE(sequence.addOperation(addOne(), c.entry).has_value());
+        DataItem item = imageItem();
+        EXPECT_FALSE(sequence.process(item, c.run).has_value());
+        EXPECT_EQ(pixel(item, "image"), c.runs ? 1.0f : 0.0f)
+            << phaseToString(c.entry) << " in " << phaseToString(c.run);
+    }
+}
+
+TEST(OperationsSequence, FailureClearsTheItemAndNamesEveryOperation)
+{
+    OperationsSequence sequence;
+    sequence.addOperation(addOne(), Phase::Always);
+    sequence.addOperation(std::make_shared<FailOperation>(), Phase::Always);
+    auto third = std::make_shared<AddOneOperation>();
+    sequence.addOperation(third, Phase::Always);
+
+    DataItem item = imageItem();
+    auto error = sequence.process(item, Phase::Training);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code, 2u);
+    EXPECT_TRUE(item.empty());
+    EXPECT_EQ(
+        error->message,
+        "In OperationsSequence: [(0: AddOne), (1: Fail), (2: AddOne), ] Error at operation 1: [ML.Fail] "
+        "deliberate failure");
+}
+
+TEST(OperationsSequence, ConstructionStopsAtAnUnknownNameAndKeepsWhatCameBefore)
+{
+    getCppOperationFactory().registerType<AddOneOperation>("SequenceTestAddOne",
+                                                           makeUniqueOperation<AddOneOperation>);
+    Properties amount;
+    amount.setParam("amount", 2.0);
+    std::vector<Operation::Specs> specs = {{"SequenceTestAddOne", amount, Phase::Always},
+                                           {"NoSuchOperation", Properties(), Phase::Always},
+                                           {"SequenceTestAddOne", Properties(), Phase::Always}};
+    Log::Capture capture;
+    OperationsSequence sequence(specs);
+    ASSERT_TRUE(sequence.error().has_value());
+    EXPECT_EQ(sequence.error()->message, "Cannot add invalid Operation instance");
+    EXPECT_EQ(sequence.getOperationNames(), (std::vector<std::string>{"AddOne"}));
+    EXPECT_TRUE(capture.contains("Cannot add invalid Operation instance", "ML.OperationsSequence"));
+
+    DataItem item = imageItem();
+    EXPECT_FALSE(sequence.process(item, Phase::Inference).has_value());
+    EXPECT_EQ(pixel(item, "image"), 2.0f) << "the configured operation ran with its configuration";
+}
+
+TEST(OperationsSequence, SeedsRepeatAugmentations)
+{
+    OperationsSequence sequence;
+    sequence.addOperation(std::make_shared<RandomShiftOperation>(), Phase::Always);
+    {
+        Log::Capture capture;
+        sequence.setOperationSeeds(7);
+        EXPECT_TRUE(capture.records().empty()) << "operations without a seed are seeded silently";
+    }
+    auto run = [&] {
+        DataItem item = imageItem();
+        sequence.process(item, Phase::Training);
+        return pixel(item, "image");
+    };
+    float first = run();
+    float second = run();
+    EXPECT_NE(first, second) << "the stream goes on between runs";
+    sequence.resetOperationSeeds();
+    EXPECT_EQ(run(), first);
+    EXPECT_EQ(run(), second);
+
+    Log::Capture capture;
+    sequence.setOperationSeeds(8);
+    EXPECT_TRUE(capture.contains(
+        "setOperationSeeds: RandomShift was already seeded with a different value - overriding!",
+        "ML.OperationsSequence"));
+    EXPECT_TRUE(capture.contains("Operations seeds were reset.", "ML.OperationsSequence"));
+}
+
+TEST(OperationsSequence, SettersReachEveryOperationAndImagesCanBeProcessedDirectly)
+{
+    OperationsSequence sequence;
+    auto a = std::make_shared<AddOneOperation>();
+    auto b = std::make_shared<AddOneOperation>();
+    sequence.addOperation(a, Phase::Always);
+    sequence.addOperation(b, Phase::Training);
+    sequence.setOperationsComputingDevice(ComputingDevice::ForceCPU);
+    sequence.setErrorOnUnexpectedBehaviour(true);
+    for (auto const& operation : sequence.operations()) {
+        EXPECT_EQ(operation->computingDevice(), ComputingDevice::ForceCPU);
+        EXPECT_TRUE(operation->errorOnUnexpectedBehaviour());
+    }
+    EXPECT_EQ(sequence.phases(), (std::vector<Phase>{Phase::Always, Phase::Training}));
+    EXPECT_FALSE(sequence.doesNotModifyInput());
+
+    // The image conveniences read image and label back; the label is not a target here, so it is
+    // processed; b is for training only, so only a runs.
+    sequence.setErrorOnUnexpectedBehaviour(false);
+    auto [outImage, outLabel] = sequence.process(makeSet(1), makeSet(1), Phase::Inference);
+    ASSERT_NE(outImage, nullptr);
+    ASSERT_NE(outLabel, nullptr);
+    EXPECT_EQ(firstValue(*outImage->get(0)), 1.0f);
+    EXPECT_EQ(firstValue(*outLabel->get(0)), 1.0f);
+    EXPECT_EQ(sequence.process(makeSet(1), Phase::Always)->size(), 1);
+}
+
+// ---- Inversion ------------------------------------------------------------------------------------
+
+constexpr char const* kTestFactory = "InversionTest";
+
+// Adds "value" to every float pixel; undone by itself with the negated value.
+class AddConstantOperation : public InvertibleOperation
+{
+public:
+    AddConstantOperation()
+        : InvertibleOperation("AddConstant", ProcessingPolicy::EverythingButLabels)
+    {}
+
+    AdvancedParameter<double, Operation> p_value = {"value", 0.0, this, ParamRequired::Yes};
+
+    std::shared_ptr<SharedImageSet> processImages(std::shared_ptr<SharedImageSet> sis) const override
+    {
+        if (inputIsEmptyOrNull(sis.get()))
+            return sis;
+        for (auto const& frame : sis->images()) {
+            auto* pixels = static_cast<float*>(frame->mem()->data());
+            for (std::size_t i = 0; i < frame->mem()->valueCount(); ++i)
+                pixels[i] += static_cast<float>(p_value.value());
+        }
+        return sis;
+    }
+
+protected:
+    Specs getInverseSpecsImpl() const override
+    {
+        return Specs{"AddConstant", Properties{{"value", -p_value.value()}}, Phase::Always};
+    }
+};
+
+std::unique_ptr<AddConstantOperation> addConstant(double value, std::string const& identifier = {})
+{
+    auto operation = std::make_unique<AddConstantOperation>();
+    Properties properties{{"value", value}};
+    if (!identifier.empty())
+        properties.setParam("record_identifier", identifier);
+    EXPECT_TRUE(operation->configure(properties));
+    return operation;
+}
+
+std::unique_ptr<InverseOperation> inverse(std::string const& identifier)
+{
+    auto operation = std::make_unique<InverseOperation>();
+    EXPECT_TRUE(operation->configure(Properties{{"target_identifier", identifier}}));
+    return operation;
+}
+
+// Pixel values are small integers, so float sums are exact and can be compared with ==.
+std::vector<float> pixels(DataItem const& item, std::string const& field)
+{
+    std::vector<float> values;
+    for (auto const& frame : item.get<ImageElement>(field)->sis()->images()) {
+        auto const* data = static_cast<float const*>(frame->mem()->data());
+        values.insert(values.end(), data, data + frame->mem()->valueCount());
+    }
+    return values;
+}
+
+InversionComponent const* record(DataItem& item, std::string const& field)
+{
+    return item.get(field)->components().get<InversionComponent>();
+}
+
+// An item with two images and a target; AddConstant is registered in a factory of its own for
+// the test and removed afterwards.
+class Inversion : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        getSubOperationFactory(kTestFactory)
+            .registerType<AddConstantOperation>("AddConstant", makeUniqueOperation<AddConstantOperation>);
+        m_item.set("image", MLTest::makeSet(2));
+        m_item.set("other", MLTest::makeSet(1));
+        m_item.set("label", MLTest::makeSet(1));
+        m_item.get("label")->tagAsTarget();
+        m_original = pixels(m_item, "image");
+    }
+    void TearDown() override { operationFactoryRegistry().unregisterItem(kTestFactory); }
+
+    DataItem m_item;
+    std::vector<float> m_original;
+};
+
+TEST_F(Inversion, RecordHoldsTheInverseSpecsOfEachProcessedElementOnlyWithAnIdentifier)
+{
+    auto operation = addConstant(5);
+    EXPECT_TRUE(operation->supportsInversion());
+    operation->process(m_item);
+    EXPECT_EQ(record(m_item, "image"), nullptr);
+    // The bridge itself refuses, and does not leave an empty component behind.
+    EXPECT_FALSE(recordOperationForInversion(*operation, m_item.get("image")));
+    EXPECT_EQ(record(m_item, "image"), nullptr);
+
+    addConstant(5, "shift")->process(m_item);
+    for (char const* field : {"image", "other"}) {
+        auto const* component = record(m_item, field);
+        ASSERT_NE(component, nullptr) << field;
+        auto const* info = component->getInversionInfo("shift");
+        ASSERT_NE(info, nullptr);
+        EXPECT_EQ(info->operationName, "AddConstant");
+        EXPECT_EQ(info->config.paramOr("value", 0.0), -5.0);
+        EXPECT_FALSE(info->context.has_value());
+    }
+    // The policy kept the label out, so there is nothing to undo there.
+    EXPECT_EQ(record(m_item, "label"), nullptr);
+}
+
+TEST_F(Inversion, InverseGivesTheInputBackAndRemovesTheRecord)
+{
+    std::vector<float> const label = pixels(m_item, "label");
+    addConstant(5, "shift")->process(m_item);
+    ASSERT_NE(pixels(m_item, "image"), m_original);
+
+    auto undo = inverse("shift");
+    int const level = Log::g_globalLevel;
+    Log::g_globalLevel = Log::Debug;
+    Log::Capture capture;
+    undo->process(m_item);
+    Log::g_globalLevel = level;
+    EXPECT_EQ(capture.count("Popped inversion info for identifier 'shift' from element", "ML.Inverse"), 2);
+    EXPECT_EQ(pixels(m_item, "image"), m_original);
+    EXPECT_FALSE(record(m_item, "image")->hasInversion("shift"));
+    EXPECT_FALSE(record(m_item, "other")->hasInversion("shift"));
+    // Inverse has the policy Everything, yet the label, which the step never touched, stays.
+    EXPECT_EQ(pixels(m_item, "label"), label);
+    ASSERT_NE(undo->operationToInvert(), nullptr);
+    EXPECT_EQ(undo->operationToInvert()->name(), "AddConstant");
+    EXPECT_EQ(undo->inversionComponents().size(), 2U);
+}
+
+TEST_F(Inversion, TwoRunsOfOneIdentifierAreUndoneLastFirstAndOtherIdentifiersStay)
+{
+    addConstant(5, "shift")->process(m_item);
+    addConstant(100, "shift")->process(m_item);
+    addConstant(7, "other")->process(m_item);
+    ASSERT_EQ(record(m_item, "image")->getAllInversionInfos("shift").size(), 2U);
+
+    inverse("shift")->process(m_item);
+    // The later run (+100) was undone; the earlier one is next.
+    std::vector<float> expected = m_original;
+    for (float& value : expected)
+        value += 12.0F;
+    EXPECT_EQ(pixels(m_item, "image"), expected);
+    auto const* remaining = record(m_item, "image")->getInversionInfo("shift");
+    ASSERT_NE(remaining, nullptr);
+    EXPECT_EQ(remaining->config.paramOr("value", 0.0), -5.0);
+
+    inverse("shift")->process(m_item);
+    EXPECT_FALSE(record(m_item, "image")->hasInversion("shift"));
+    EXPECT_TRUE(record(m_item, "image")->hasInversion("other"));
+    inverse("other")->process(m_item);
+    EXPECT_EQ(pixels(m_item, "image"), m_original);
+}
+
+TEST_F(Inversion, ApplyToOfTheInverseIsPassedOn)
+{
+    addConstant(5, "shift")->process(m_item);
+    auto undo = std::make_unique<InverseOperation>();
+    ASSERT_TRUE(undo->configure(Properties{{"target_identifier", "shift"},
+                                           {"apply_to", std::vector<std::string>{"image"}},
+                                           {"device", "ForceCPU"}}));
+    undo->process(m_item);
+    EXPECT_EQ(pixels(m_item, "image"), m_original);
+    EXPECT_TRUE(record(m_item, "other")->hasInversion("shift"));
+    auto inner = undo->operationToInvert();
+    ASSERT_NE(inner, nullptr);
+    EXPECT_EQ(inner->applyTo(), std::optional<Operation::FieldSet>(Operation::FieldSet{"image"}));
+    EXPECT_EQ(inner->computingDevice(), ComputingDevice::ForceCPU);
+}
+
+TEST_F(Inversion, SingleImageSetIsInvertedToo)
+{
+    auto set = MLTest::makeSet(1);
+    std::vector<float> const before(static_cast<float const*>(set->images()[0]->mem()->data()),
+                                    static_cast<float const*>(set->images()[0]->mem()->data()) + 27);
+    auto shifted = addConstant(3, "id")->process(set);
+    ASSERT_NE(shifted, nullptr);
+    auto restored = inverse("id")->process(shifted);
+    ASSERT_NE(restored, nullptr);
+    auto const* data = static_cast<float const*>(restored->images()[0]->mem()->data());
+    EXPECT_EQ(std::vector<float>(data, data + 27), before);
+    EXPECT_FALSE(restored->components().get<InversionComponent>()->hasInversion("id"));
+}
+
+TEST_F(Inversion, MissingOrUnreachableRecordsFailAndUndoNothing)
+{
+    addConstant(5, "shift")->process(m_item);
+    Log::Capture capture;
+    MLTest::expectThrowWithMessage<OperationException>(
+        [&] { inverse("missing")->process(m_item); },
+        "[ML.Inverse] Failed to find operation with record identifier 'missing' to invert");
+    EXPECT_TRUE(capture.contains(
+        "No InversionComponent found with record identifier 'missing' in any processed elements",
+        "ML.Inverse"));
+
+    // A record outside the selection is not found.
+    InverseOperation labelOnly;
+    ASSERT_TRUE(labelOnly.configure(
+        Properties{{"target_identifier", "shift"}, {"apply_to", std::vector<std::string>{"label"}}}));
+    EXPECT_FALSE(labelOnly.setupInverseOperationByIdentifier(m_item, "shift"));
+    EXPECT_EQ(labelOnly.operationToInvert(), nullptr);
+    EXPECT_THROW(labelOnly.process(m_item), OperationException);
+    EXPECT_TRUE(record(m_item, "image")->hasInversion("shift"));
+
+    // A record of an operation that no factory knows.
+    m_item.get<ImageElement>("other")->sis()->components().getOrCreate<InversionComponent>()->recordInversion(
+        "ghost", Operation::Specs{"NoSuchOperation", Properties(), Phase::Always});
+    EXPECT_THROW(inverse("ghost")->process(m_item), OperationException);
+    EXPECT_TRUE(capture.contains("NoSuchOperation is not a registered operation", "ML.Operation"));
 }
 
 } // namespace
