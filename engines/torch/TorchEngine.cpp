@@ -5,6 +5,7 @@
 #include "ml/data/TensorSetElement.h"
 #include "ml/data/VectorElement.h"
 
+#include "host/core/Filesystem.h"
 #include "host/core/Log.h"
 #include "host/image/PixelType.h"
 #include "host/image/SharedImage.h"
@@ -222,6 +223,8 @@ bool TorchEngine::loadModel()
     std::optional<ByteBuffer> bytes = loadModelArtifact();
     if (!bytes) {
         VELMORIA_LOG_ERROR(kLog, "Model file '{}' is neither a readable file nor a resource", file);
+        if (!Filesystem::File(Filesystem::Path(file)).exists())
+            VELMORIA_LOG_ERROR(kLog, "{}", modelFileNotFoundMessage());
         return false;
     }
     try {

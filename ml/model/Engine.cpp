@@ -226,6 +226,14 @@ void Engine::connectSignals()
         this, [this](std::string const& value) { config.p_version.setValue(value); });
 }
 
+std::string Engine::modelFileNotFoundMessage() const
+{
+    std::string const& written =
+        config.rawModelFile.empty() ? config.p_modelFile.value() : config.rawModelFile;
+    return fmt::format("Model file '{}' of engine '{}' was not found; looked at: {}", written, m_name,
+                       String::join(modelPathPlaces(written, config.p_yamlConfigPath.value()), "; "));
+}
+
 std::optional<ByteBuffer> Engine::loadModelArtifact() const
 {
     std::string const& path = config.p_modelFile.value();
@@ -238,13 +246,8 @@ std::optional<ByteBuffer> Engine::loadModelArtifact() const
             VELMORIA_LOG_ERROR(kCategory, "Could not read model file '{}' of engine '{}'", path, m_name);
         return bytes;
     }
-    if (!Resource::locate(path)) {
-        std::string const& written = config.rawModelFile.empty() ? path : config.rawModelFile;
-        VELMORIA_LOG_ERROR(kCategory, "Model file '{}' of engine '{}' was not found; looked at: {}", written,
-                           m_name,
-                           String::join(modelPathPlaces(written, config.p_yamlConfigPath.value()), "; "));
+    if (!Resource::locate(path))
         return std::nullopt;
-    }
     VELMORIA_LOG_DEBUG(kCategory, "Loading model from resource: {}", path);
     std::optional<ByteBuffer> bytes = Resource::query(path);
     if (!bytes)

@@ -124,6 +124,9 @@ public:
     // resource repository that holds the name serves (debug line "Loading model from resource:
     // <name>"), else nullopt without a message.
     std::optional<ByteBuffer> loadModelArtifact() const;
+    // For an engine whose loadModelArtifact() found nothing: "Model file '<as written>' of engine
+    // '<name>' was not found; looked at: <each place, with what it is>".
+    std::string modelFileNotFoundMessage() const;
 
     Parameter<std::string> p_modelFile{"ModelFile", "", this};
     Parameter<bool> p_forceCPU{"ForceCPU", false, this};

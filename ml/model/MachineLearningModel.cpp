@@ -201,24 +201,46 @@ bool MachineLearningModel::createEngine()
     return true;
 }
 
-std::shared_ptr<SharedImageSet> MachineLearningModel::maybeGetReferenceImage(DataItem const& item)
+std::shared_ptr<SharedImageSet> MachineLearningModel::maybeGetReferenceImage(DataItem const& item,
+                                                                             std::string* whyNone)
 {
     if (auto const* component = item.components().get<ReferenceImageDataComponent>())
         return component->reference;
 
-    std::vector<std::shared_ptr<SharedImageSet>> sets;
+    std::vector<std::pair<std::string, std::shared_ptr<SharedImageSet>>> sets;
     for (auto const& [name, element] : item.elements())
         if (auto const* image = dynamic_cast<ImageElement const*>(element.get()))
-            sets.push_back(image->sis());
-    if (sets.empty())
+            sets.emplace_back(name, image->sis());
+    if (sets.empty()) {
+        if (whyNone)
+            *whyNone = "the item holds no image";
         return nullptr;
-    std::shared_ptr<SharedImageSet> const& first = sets.front();
+    }
+    auto const& [firstName, first] = sets.front();
+    auto const grid = [](SharedImage const& frame) {
+        Eigen::Vector3i const size = frame.dimensions();
+        Eigen::Vector3d const spacing = frame.spacing();
+        Eigen::Vector3d const origin = frame.matrixToWorld().block<3, 1>(0, 3);
+        return fmt::format("{}x{}x{} pixels of {:g}x{:g}x{:g} mm at ({:g}, {:g}, {:g})", size.x(), size.y(),
+                           size.z(), spacing.x(), spacing.y(), spacing.z(), origin.x(), origin.y(),
+                           origin.z());
+    };
     for (std::size_t s = 1; s < sets.size(); ++s) {
-        if (sets[s]->size() != first->size())
+        auto const& [name, set] = sets[s];
+        if (set->size() != first->size()) {
+            if (whyNone)
+                *whyNone = fmt::format("field '{}' has {} frames and field '{}' has {}", firstName,
+                                       first->size(), name, set->size());
             return nullptr;
-        for (int f = 0; f < first->size(); ++f)
-            if (!first->get(f)->descriptorWorld().isSpatiallyCompatible(sets[s]->get(f)->descriptorWorld()))
+        }
+        for (int f = 0; f < first->size(); ++f) {
+            if (!first->get(f)->descriptorWorld().isSpatiallyCompatible(set->get(f)->descriptorWorld())) {
+                if (whyNone)
+                    *whyNone = fmt::format("the fields are on different grids: '{}' has {}, '{}' has {}",
+                                           firstName, grid(*first->get(f)), name, grid(*set->get(f)));
                 return nullptr;
+            }
+        }
     }
     return first;
 }
@@ -383,7 +405,8 @@ DataItem MachineLearningModel::predict(DataItem const& input)
         VELMORIA_LOG_ERROR(kCategory, "Empty preprocessed input.");
         return DataItem();
     }
-    m_referencePreprocessed = maybeGetReferenceImage(preprocessed);
+    m_noReferenceReason.clear();
+    m_referencePreprocessed = maybeGetReferenceImage(preprocessed, &m_noReferenceReason);
     if (m_config->skipUnpadding() && m_config->verbose())
         VELMORIA_LOG_INFO(kCategory, "Unpadding will be skipped");
 
@@ -556,6 +579,11 @@ std::optional<DataItem> MachineLearningModel::predictPatches(DataItem const& fra
 {
     if (!m_referencePreprocessed) {
         VELMORIA_LOG_ERROR(kCategory, "No reference image found for splitting image elements.");
+        if (!m_noReferenceReason.empty())
+            VELMORIA_LOG_ERROR(kCategory,
+                               "The pre-processed inputs cannot be split alike: {}. Resample them onto "
+                               "one grid first (ResampleToInput, or Resample with the same target)",
+                               m_noReferenceReason);
         return std::nullopt;
     }
     auto reference = m_referencePreprocessed->clone(SharedImageSet::CloneOption::NoFrames);

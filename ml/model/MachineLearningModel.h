@@ -126,7 +126,9 @@ public:
 
     // The item's ReferenceImageDataComponent, else its only image element's set, else (several
     // image elements) the first one's set when all are spatially compatible frame by frame.
-    static std::shared_ptr<SharedImageSet> maybeGetReferenceImage(DataItem const& item);
+    // When there is none, `whyNone` (if given) says why, naming the fields and their grids.
+    static std::shared_ptr<SharedImageSet> maybeGetReferenceImage(DataItem const& item,
+                                                                  std::string* whyNone = nullptr);
     // Frame `frame` of every element of `item` in a fresh container; empty item for a frame
     // outside the batch. Elements of unknown kind are left out with a warning.
     static DataItem getSingleFrameInCustomContainer(DataItem const& item, std::size_t frame);
@@ -174,6 +176,8 @@ private:
     std::unique_ptr<RecombinePatchesOperation> m_recombineOperation;
     std::shared_ptr<SharedImageSet> m_referenceInput;
     std::shared_ptr<SharedImageSet> m_referencePreprocessed;
+    // Why the pre-processed item has no reference image (the fields on different grids).
+    std::string m_noReferenceReason;
     Progress* m_progress = nullptr;
 };
 

@@ -15,6 +15,7 @@
 #include "host/core/Filesystem.h"
 #include "host/core/Log.h"
 #include "host/core/Progress.h"
+#include "host/core/String.h"
 #include "host/image/SharedImageSet.h"
 
 #include <gtest/gtest.h>
@@ -491,8 +492,15 @@ TEST_F(MachineLearningModelTest, ReferenceImageFollowsComponentThenCompatibleEle
     item.set("Other", same);
     EXPECT_EQ(MachineLearningModel::maybeGetReferenceImage(item), first);
 
+    // Incompatible elements: the reason names both fields and their grids.
     item.set("Other", framesOf(2, {5, 4, 1}));
-    EXPECT_EQ(MachineLearningModel::maybeGetReferenceImage(item), nullptr) << "incompatible elements";
+    std::string why;
+    EXPECT_EQ(MachineLearningModel::maybeGetReferenceImage(item, &why), nullptr);
+    EXPECT_TRUE(String::contains(why, "'Input' has 4x4x1 pixels of 1x2x3 mm at (0, 0, 0), 'Other' has 5x4x1"))
+        << why;
+    item.set("Other", framesOf(3, {4, 4, 1}));
+    EXPECT_EQ(MachineLearningModel::maybeGetReferenceImage(item, &why), nullptr);
+    EXPECT_EQ(why, "field 'Input' has 2 frames and field 'Other' has 3");
 
     item.components().add(std::make_unique<ReferenceImageDataComponent>(same));
     EXPECT_EQ(MachineLearningModel::maybeGetReferenceImage(item), same) << "the component wins";
