@@ -1,5 +1,7 @@
 #include "host/io/ItkImageIO.h"
 
+#include "host/io/NiftiFileCheck.h"
+
 #include <fcntl.h>
 #include <gdcmTrace.h>
 #include <itkGDCMImageIO.h>
@@ -197,6 +199,12 @@ void readPixels(itk::ImageIOBase& io, ReadTypes const& types, std::size_t values
 
 bool readUnguarded(std::string const& path, BufferFunction const& buffer, std::string& why)
 {
+    if (IO::isNiftiFileName(path)) {
+        if (auto problem = IO::niftiFileProblem(path)) {
+            why = std::move(*problem);
+            return false;
+        }
+    }
     itk::ImageIOBase::Pointer io =
         itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::IOFileModeEnum::ReadMode);
     if (!io) {

@@ -14,8 +14,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <iterator>
+#include <limits>
 
 namespace Velmoria {
 namespace {
@@ -173,6 +175,64 @@ INSTANTIATE_TEST_SUITE_P(
         std::replace(name.begin(), name.end(), '.', '_');
         return name;
     });
+
+// A NIfTI file the reader would read wrongly without a word is refused: cut off (plain, gzip,
+// the .img of a pair) or with a voxel spacing of 0 or NaN (which the reader makes 1 mm).
+class NiftiDamage : public ::testing::Test, protected TempFolder
+{
+protected:
+    std::string bytesOf(std::string const& path) const
+    {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+
+    // Writes a sound 8x6x4 float volume as `name` and gives the bytes of the file (of the .img
+    // for a pair).
+    std::string writeSound(std::string const& name)
+    {
+        auto const frame = IoTest::patternFrame<float>({8, 6, 4}, 1, IoTest::obliqueMatrix());
+        EXPECT_TRUE(ImageFiles::write(SharedImageSet(frame), file(name)));
+        EXPECT_TRUE(ImageFiles::read(file(name))) << name << " must read before it is damaged";
+        return bytesOf(file(name));
+    }
+
+    void expectRefused(std::string const& name, std::string const& reason)
+    {
+        Log::Capture capture;
+        EXPECT_EQ(nullptr, ImageFiles::read(file(name)));
+        EXPECT_TRUE(capture.containsFragment("Could not read image file '" + file(name) + "': "));
+        EXPECT_TRUE(capture.containsFragment(reason)) << ::testing::PrintToString(capture.messages());
+    }
+};
+
+TEST_F(NiftiDamage, CutOffFilesAndSpacingsOfZeroOrNaNAreRefused)
+{
+    std::string const plain = writeSound("cut.nii");
+    writeBytes("cut.nii", plain.substr(0, plain.size() - 10));
+    expectRefused("cut.nii", "it holds " + std::to_string(plain.size() - 10) +
+                                 " bytes but its header describes " + std::to_string(plain.size()) +
+                                 " (768 bytes of voxels after 352 bytes of header)");
+
+    std::string const packed = writeSound("cut.nii.gz");
+    writeBytes("cut.nii.gz", packed.substr(0, packed.size() / 2));
+    expectRefused("cut.nii.gz", "bytes but its header describes 1120");
+
+    writeSound("pair.hdr");
+    std::string const voxels = bytesOf(file("pair.img"));
+    ASSERT_EQ(voxels.size(), 768U);
+    writeBytes("pair.img", voxels.substr(0, 700));
+    expectRefused("pair.hdr", "it holds 700 bytes in '" + file("pair.img") + "'");
+
+    // pixdim[2] (y) is the float at byte 84 of a NIfTI-1 header.
+    for (float const spacing : {0.0F, std::numeric_limits<float>::quiet_NaN()}) {
+        std::string damaged = plain;
+        std::memcpy(damaged.data() + 84, &spacing, sizeof spacing);
+        writeBytes("spacing.nii", damaged);
+        expectRefused("spacing.nii", "the voxel spacing of axis y (pixdim[2]) is " +
+                                         std::string(spacing == 0.0F ? "0" : "nan"));
+    }
+}
 
 // ---------------------------------------------------------------------------------------------
 
