@@ -351,7 +351,22 @@ DataItem MachineLearningModel::runEngine(DataItem const& input)
     StageClock clock(m_timings.engineMs);
     ++m_timings.engineRuns;
     try {
-        return m_engine->predict(input);
+        DataItem result = m_engine->predict(input);
+        // Each output sample belongs to one input sample; a network that returns another number
+        // (a batch axis it made up or dropped) cannot be mapped back, and would be written as if
+        // it could.
+        std::size_t const given = input.batchSize().value_or(0);
+        for (auto const& [name, element] : result.elements()) {
+            if (given > 0 && element && element->batchSize() != given) {
+                VELMORIA_LOG_ERROR(
+                    kCategory,
+                    "Prediction failed: the network returned {} samples in output field '{}' for a "
+                    "batch of {}",
+                    element->batchSize(), name, given);
+                return DataItem();
+            }
+        }
+        return result;
     } catch (std::exception const& e) {
         VELMORIA_LOG_ERROR(kCategory, "Prediction failed: {}", e.what());
     } catch (...) {

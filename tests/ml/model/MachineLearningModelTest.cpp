@@ -97,6 +97,7 @@ protected:
             operations.registerType<CancelOperation>("MlmCancel", makeUniqueOperation<CancelOperation>);
         DoublingEngine::calls.clear();
         DoublingEngine::constructed = 0;
+        DoublingEngine::extraFrames = 0;
     }
 
     std::string write(std::string const& text)
@@ -368,6 +369,16 @@ TEST_F(MachineLearningModelTest, FailedPredictionsAreEmptyAndSayWhy)
     auto upgraded = load(modelText("doubler", "MaxBatchSize: -1\nUpgradeToMLModelV2: true\n", 7));
     ASSERT_NE(upgraded, nullptr);
     EXPECT_FALSE(upgraded->predict(inputOf(framesOf(1, {4, 4, 1}))).empty());
+
+    // A network that returns more samples than it was given cannot be mapped back to them.
+    DoublingEngine::extraFrames = 1;
+    auto inventive = load(modelText("doubler"));
+    ASSERT_NE(inventive, nullptr);
+    m_capture.clear();
+    EXPECT_TRUE(inventive->predict(inputOf(framesOf(1, {4, 4, 1}))).empty());
+    EXPECT_TRUE(m_capture.containsFragment(
+        "the network returned 2 samples in output field 'Prediction' for a batch of 1"));
+    DoublingEngine::extraFrames = 0;
 }
 
 struct LoadFailure

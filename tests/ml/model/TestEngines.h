@@ -30,6 +30,8 @@ public:
     };
     static inline std::vector<Call> calls;
     static inline int constructed = 0;
+    // Copies of the first frame appended to every output: a network that makes up samples.
+    static inline int extraFrames = 0;
 
     DoublingEngine()
         : Engine("doubler")
@@ -55,6 +57,8 @@ public:
                     pixels[i] *= 2.0F;
                 doubled->add(copy);
             }
+            for (int extra = 0; extra < extraFrames; ++extra)
+                doubled->add(std::shared_ptr<SharedImage>(doubled->get(0)->clone()));
             prediction.set(field, doubled);
         }
         return prediction;
