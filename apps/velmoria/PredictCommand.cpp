@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <new>
 
 namespace Velmoria::Cli {
 
@@ -82,6 +83,25 @@ bool PredictCommand::selected() const
 }
 
 int PredictCommand::run() const
+{
+    // Whatever escapes the steps (a refusal deep in an operation, memory running out) is said
+    // with the file it concerns, not as a bare text.
+    try {
+        return runUnguarded();
+    } catch (std::bad_alloc const&) {
+        VELMORIA_LOG_ERROR(kCategory,
+                           "Predicting with the model '{}' on {} ran out of memory: the images (or the "
+                           "patches and batches of a "
+                           "model) are too large for this machine",
+                           m_model, String::join(m_inputs, ", "));
+    } catch (std::exception const& e) {
+        VELMORIA_LOG_ERROR(kCategory, "Predicting with the model '{}' on {} failed: {}", m_model,
+                           String::join(m_inputs, ", "), e.what());
+    }
+    return Failure;
+}
+
+int PredictCommand::runUnguarded() const
 {
     auto model = ML::MachineLearningModel::create(m_model, ML::PredictionOutput::Image);
     if (!model) {

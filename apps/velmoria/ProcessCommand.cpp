@@ -15,6 +15,7 @@
 #include <fmt/format.h>
 
 #include <exception>
+#include <new>
 
 namespace Velmoria::Cli {
 
@@ -124,6 +125,25 @@ bool ProcessCommand::selected() const
 }
 
 int ProcessCommand::run() const
+{
+    // Whatever escapes the steps (a refusal deep in an operation, memory running out) is said
+    // with the file it concerns, not as a bare text.
+    try {
+        return runUnguarded();
+    } catch (std::bad_alloc const&) {
+        VELMORIA_LOG_ERROR(
+            kCategory,
+            "Processing with '{}' on {} ran out of memory: the images (or the patches and batches of a "
+            "model) are too large for this machine",
+            m_config, String::join(m_inputs, ", "));
+    } catch (std::exception const& e) {
+        VELMORIA_LOG_ERROR(kCategory, "Processing with '{}' on {} failed: {}", m_config,
+                           String::join(m_inputs, ", "), e.what());
+    }
+    return Failure;
+}
+
+int ProcessCommand::runUnguarded() const
 {
     auto const inputs = resolveFieldArguments(m_inputs, "--input", {"image"});
     auto const labels = resolveFieldArguments(m_labels, "--label", {"label"});

@@ -31,6 +31,8 @@ public:
     int run() const;
 
 private:
+    int runUnguarded() const;
+
     CLI::App* m_command = nullptr;
     std::string m_config;
     std::string m_section;

@@ -251,6 +251,12 @@ protected:
         writeText("no-artefact.yaml",
                   "Version: 8\nName: lost\nType: NeuralNetwork\nPredictionOutput: [Image]\n"
                   "Engine:\n  Name: torch\n  ModelFile: nothere.pt\n");
+        writeText("negative-patch.yaml",
+                  "Version: 8\nName: patches\nType: NeuralNetwork\nPredictionOutput: [Image]\n"
+                  "Engine:\n  Name: torch\n  ModelFile: " VELMORIA_TORCH_MODELS_DIR
+                  "/double.pt\n  ForceCPU: true\n"
+                  "PreProcessing:\n  - SplitIntoPatches: {patch_size: [-16, -16, -16]}\n"
+                  "PostProcessing:\n  - RecombinePatches\n");
         writeText("map-key.yaml", "- Clip: {min: 0, [a, b]: 1, max: 5}\n");
         // Parameters that would turn every voxel into Inf or NaN.
         writeText("hostile.yaml",
@@ -414,6 +420,15 @@ INSTANTIATE_TEST_SUITE_P(
             1,
             {"Model file 'nothere.pt' of engine 'torch' was not found; looked at: resource 'nothere.pt'",
              "; {dir}/nothere.pt (next to the YAML file); ", "nothere.pt (the working folder)"},
+            true},
+        // A refusal from deep inside the model names the model and the input it was given.
+        CommandCase{
+            "NegativePatchSize",
+            {"predict", "--model", "{dir}/negative-patch.yaml", "--input", "{dir}/input.nii", "--output",
+             "{dir}/out.nii"},
+            1,
+            {"Predicting with the model '{dir}/negative-patch.yaml' on {dir}/input.nii failed: ROI size "
+             "-16x-16x-16 must be positive."},
             true},
         CommandCase{"UnknownInputField",
                     predictArguments({"--input", "Bogus={dir}/input.nii", "--output", "{dir}/out.nii"}),
