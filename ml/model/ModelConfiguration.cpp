@@ -306,6 +306,14 @@ void ModelConfiguration::configureOrThrow(Properties const& properties)
     m_sampling = std::make_unique<SamplingConfiguration>(p_version.value());
     m_samplingSource.clear();
     if (Properties const* sampling = properties.findSubProperties("Sampling")) {
+        // Files of the latest schema split and recombine through operations; their prediction
+        // never reads this block, which a user moving an old file by hand would not guess.
+        if (p_version.value() >= kLatestVersion)
+            VELMORIA_LOG_WARNING(kCategory,
+                                 "The 'Sampling' block of '{}' has no effect in a file of version {}: split with "
+                                 "SplitIntoPatches in PreProcessing and recombine with RecombinePatches in "
+                                 "PostProcessing",
+                                 m_configPath, p_version.value());
         m_samplingSource.copyFrom(*sampling);
         if (ConfigResult result = Elevator::configureSampling(*m_sampling, *sampling); !result.ok())
             return fail(result.message.value_or(""));

@@ -107,6 +107,8 @@ TEST_F(ModelConfigurationTest, FullFileSetsEveryField)
     auto const config = load(kFullFile);
     ASSERT_EQ(config->status(), 0) << config->errorMessage().value_or("");
     EXPECT_FALSE(config->errorMessage().has_value());
+    // The block is read (and kept), but a version-8 prediction splits through operations only.
+    EXPECT_TRUE(m_capture.containsFragment("has no effect in a file of version 8: split with SplitIntoPatches"));
     EXPECT_EQ(config->version(), 8);
     EXPECT_EQ(config->upgradedVersion(), 8);
     EXPECT_EQ(config->name(), "Liver");
