@@ -25,6 +25,9 @@ void addGlobalOptions(CLI::App& app, GlobalOptions& options)
         ->type_name("LEVEL")
         ->transform(CLI::IsMember(kLevels, CLI::ignore_case))
         ->default_str("info");
+    app.add_flag(
+        "--strict", options.strict,
+        "Unknown keys and ignored blocks of model files and processing lists are errors, not warnings");
 }
 
 int logLevelNumber(std::string const& level)

@@ -6,6 +6,7 @@
 //   --plugin-dir DIR   a folder to search for plug-ins before VELMORIA_PLUGIN_PATH and the
 //                      install folder; repeatable, searched in the order given
 //   --log-level LEVEL  debug | info | warning | error (any case); messages below it are dropped
+//   --strict           unknown keys and ignored blocks are errors (exit 1), not warnings
 
 #include "host/plugin/PluginManager.h"
 
@@ -20,6 +21,7 @@ struct GlobalOptions
 {
     std::vector<std::string> pluginFolders;
     std::string logLevel = "info";
+    bool strict = false;
     // The install folder; compiled in, tests and packagers may point it elsewhere.
     std::string installFolder;
 };

@@ -13,6 +13,7 @@
 #include "apps/velmoria/InfoCommand.h"
 #include "apps/velmoria/PredictCommand.h"
 #include "apps/velmoria/ProcessCommand.h"
+#include "ml/operations/Operation.h"
 
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
@@ -57,6 +58,7 @@ int run(int argc, char** argv)
     Velmoria::PluginManager plugins;
     if (!setUp(options, plugins))
         return Failure;
+    Velmoria::ML::Operation::setStrict(options.strict);
     if (info.selected())
         return info.run(plugins, std::cout);
     if (predict.selected())

@@ -308,12 +308,16 @@ void ModelConfiguration::configureOrThrow(Properties const& properties)
     if (Properties const* sampling = properties.findSubProperties("Sampling")) {
         // Files of the latest schema split and recombine through operations; their prediction
         // never reads this block, which a user moving an old file by hand would not guess.
-        if (p_version.value() >= kLatestVersion)
-            VELMORIA_LOG_WARNING(kCategory,
-                                 "The 'Sampling' block of '{}' has no effect in a file of version {}: split with "
-                                 "SplitIntoPatches in PreProcessing and recombine with RecombinePatches in "
-                                 "PostProcessing",
-                                 m_configPath, p_version.value());
+        if (p_version.value() >= kLatestVersion) {
+            std::string const ignored =
+                fmt::format("The 'Sampling' block of '{}' has no effect in a file of version {}: split with "
+                            "SplitIntoPatches "
+                            "in PreProcessing and recombine with RecombinePatches in PostProcessing",
+                            m_configPath, p_version.value());
+            if (Operation::strict())
+                return fail(ignored);
+            VELMORIA_LOG_WARNING(kCategory, "{}", ignored);
+        }
         m_samplingSource.copyFrom(*sampling);
         if (ConfigResult result = Elevator::configureSampling(*m_sampling, *sampling); !result.ok())
             return fail(result.message.value_or(""));

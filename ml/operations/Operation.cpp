@@ -72,6 +72,17 @@ int frameDimension(SharedImage const& frame)
 } // namespace
 
 std::atomic<Operation::RecordHookFunction> Operation::s_processingRecordHook{nullptr};
+std::atomic<bool> Operation::s_strict{false};
+
+void Operation::setStrict(bool strict)
+{
+    s_strict.store(strict);
+}
+
+bool Operation::strict()
+{
+    return s_strict.load();
+}
 
 Operation::Operation(std::string name, ProcessingPolicy policy)
     : m_name(std::move(name))
@@ -637,7 +648,7 @@ void Operation::warnOperationUnexpectedBehaviour(std::string const& message, std
         if (!hint.empty())
             VELMORIA_LOG_WARNING(m_logCategory, "{}", hint);
     }
-    if (m_errorOnUnexpectedBehaviour)
+    if (m_errorOnUnexpectedBehaviour || strict())
         throwOperationError(hint.empty() ? message : message + " " + hint);
 }
 

@@ -247,6 +247,12 @@ public:
     // Whether a factory knows the operation `name`.
     static bool isRegistered(std::string const& name);
 
+    // Strict mode, for pipelines that must not run with a typo (velmoria --strict): every
+    // operation treats unexpected behaviour (an unknown key, a missing field) as an error, as
+    // "error_on_unexpected_behaviour" does, and a model file's ignored blocks fail its loading.
+    static void setStrict(bool strict);
+    static bool strict();
+
     // The recorder that every operation constructed from now on puts first in postProcessHooks
     // (null: none). Installed once, by the processing-record component, while the plug-in loads.
     static void setProcessingRecordHook(RecordHookFunction hook);
@@ -303,6 +309,7 @@ private:
     std::string m_logCategory;
 
     static std::atomic<RecordHookFunction> s_processingRecordHook;
+    static std::atomic<bool> s_strict;
 };
 
 // Whether work on `sis` may run on the GPU with `device`. False for a null or frameless set,

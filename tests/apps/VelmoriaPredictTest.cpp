@@ -257,6 +257,11 @@ protected:
                   "/double.pt\n  ForceCPU: true\n"
                   "PreProcessing:\n  - SplitIntoPatches: {patch_size: [-16, -16, -16]}\n"
                   "PostProcessing:\n  - RecombinePatches\n");
+        writeText("typo.yaml", "- Clip: {min: 0, maxx: 10}\n");
+        writeText("sampling.yaml",
+                  "Version: 8\nName: doubler\nType: NeuralNetwork\nPredictionOutput: [Image]\n"
+                  "Engine:\n  Name: torch\n  ModelFile: " VELMORIA_TORCH_MODELS_DIR "/double.pt\n"
+                  "Sampling:\n  MaxSizeSubdivision: [8, 8, 8]\n");
         writeText("map-key.yaml", "- Clip: {min: 0, [a, b]: 1, max: 5}\n");
         // Parameters that would turn every voxel into Inf or NaN.
         writeText("hostile.yaml",
@@ -430,6 +435,18 @@ INSTANTIATE_TEST_SUITE_P(
             {"Predicting with the model '{dir}/negative-patch.yaml' on {dir}/input.nii failed: ROI size "
              "-16x-16x-16 must be positive."},
             true},
+        // --strict: what is a warning otherwise stops the run before it starts.
+        CommandCase{"StrictMisspeltKey",
+                    {"--strict", "process", "--config", "{dir}/typo.yaml", "--input", "{dir}/input.nii",
+                     "--output", "{dir}/out.nii"},
+                    1,
+                    {"Parameter 'maxx' was specified but not used", "did you mean 'max' instead of 'maxx'?"}},
+        CommandCase{"StrictIgnoredBlock",
+                    {"--strict", "predict", "--model", "{dir}/sampling.yaml", "--input", "{dir}/input.nii",
+                     "--output", "{dir}/out.nii"},
+                    1,
+                    {"The 'Sampling' block of '{dir}/sampling.yaml' has no effect"},
+                    true},
         CommandCase{"UnknownInputField",
                     predictArguments({"--input", "Bogus={dir}/input.nii", "--output", "{dir}/out.nii"}),
                     1,
