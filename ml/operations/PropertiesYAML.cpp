@@ -5,11 +5,15 @@
 #include "host/core/Resource.h"
 #include "host/core/String.h"
 
+#include <fmt/format.h>
 #include <yaml-cpp/yaml.h>
 
+#include <cstdint>
+#include <filesystem>
 #include <locale>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <vector>
 
 namespace Velmoria::ML {
@@ -20,6 +24,20 @@ constexpr char const* Category = "ML.PropertiesYAML";
 
 // ---------------------------------------------------------------------------------------------
 // Reading
+
+// YAML aliases let a few lines stand for billions of nodes ("billion laughs"): every walk over
+// the parsed tree pays one unit per node it visits, from a budget far above any real model file
+// or processing list, and stops with an error when it is spent.
+constexpr std::int64_t kNodeBudget = 10'000'000;
+thread_local std::int64_t t_nodesLeft = kNodeBudget;
+
+void visitNode()
+{
+    if (--t_nodesLeft < 0)
+        throw std::runtime_error(fmt::format("the YAML expands to more than {} values; aliases that repeat "
+                                             "aliases are refused",
+                                             kNodeBudget));
+}
 
 // The text of a scalar; "" for a null node (yaml-cpp turns "~" and "null" into null nodes).
 std::string scalarText(YAML::Node const& node)
@@ -45,6 +63,7 @@ bool holdsOnlyNumbers(std::string const& text)
 // therefore not simple, and is read as sub-trees rather than as a matrix.
 bool isSimple(YAML::Node const& node, std::optional<YAML::EmitterStyle::value> style = std::nullopt)
 {
+    visitNode();
     if (node.IsMap())
         return false;
     if (!node.IsSequence())
@@ -59,6 +78,7 @@ bool isSimple(YAML::Node const& node, std::optional<YAML::EmitterStyle::value> s
 
 bool isNumericSequence(YAML::Node const& node)
 {
+    visitNode();
     for (auto const& element : node) {
         if (element.IsSequence()) {
             if (!isNumericSequence(element))
@@ -73,6 +93,7 @@ bool isNumericSequence(YAML::Node const& node)
 // The numbers of a numeric node at any depth, as their texts.
 void appendNumberTokens(YAML::Node const& node, std::vector<std::string>& tokens)
 {
+    visitNode();
     if (node.IsSequence()) {
         for (auto const& element : node)
             appendNumberTokens(element, tokens);
@@ -84,6 +105,7 @@ void appendNumberTokens(YAML::Node const& node, std::vector<std::string>& tokens
 
 void appendScalarTexts(YAML::Node const& node, std::vector<std::string>& texts)
 {
+    visitNode();
     if (node.IsSequence()) {
         for (auto const& element : node)
             appendScalarTexts(element, texts);
@@ -120,6 +142,7 @@ void storeSequence(Properties& properties, std::string const& key, YAML::Node co
 
 void insertNode(YAML::Node const& node, Properties& properties, bool nameFromFirstKey)
 {
+    visitNode();
     if (node.IsSequence()) {
         for (auto const& element : node)
             insertNode(element, *properties.addSubProperties(""), true);
@@ -310,6 +333,16 @@ std::unique_ptr<Properties> PropertiesYAML::createFromFile(std::string const& pa
         VELMORIA_LOG_ERROR(Category, "Couldn't open file {}\n", path);
         return nullptr;
     }
+    // Model files and processing lists are a few kB; a file of this size is not one of them, and
+    // parsing it would take the memory of the machine.
+    constexpr std::uintmax_t kLargest = 64u << 20;
+    std::error_code error;
+    if (auto const size = std::filesystem::file_size(path, error); !error && size > kLargest) {
+        VELMORIA_LOG_ERROR(Category,
+                           "Could not read the YAML of '{}': it is {} MiB, above the {} MiB that are read",
+                           path, size >> 20, kLargest >> 20);
+        return nullptr;
+    }
     auto text = file.readText();
     if (!text)
         return nullptr; // the file layer logged why
@@ -343,6 +376,7 @@ std::unique_ptr<Properties> PropertiesYAML::createFromNode(YAML::Node const& nod
     }
     auto properties = std::make_unique<Properties>();
     try {
+        t_nodesLeft = kNodeBudget;
         insertNode(node, *properties, true);
     } catch (std::exception const& e) {
         // A tree cut off at the failing key would silently lose every key after it: a text that

@@ -9,6 +9,7 @@
 #include "host/image/TypedImage.h"
 #include "host/io/ImageFiles.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -257,6 +258,14 @@ protected:
                   "/double.pt\n  ForceCPU: true\n"
                   "PreProcessing:\n  - SplitIntoPatches: {patch_size: [-16, -16, -16]}\n"
                   "PostProcessing:\n  - RecombinePatches\n");
+        // Nine levels of nine aliases: 387 million values from a few hundred bytes.
+        std::string bomb = "a0: &a0 [x, x, x, x, x, x, x, x, x]\n";
+        for (int level = 1; level <= 9; ++level)
+            bomb +=
+                fmt::format("a{0}: &a{0} [*a{1}, *a{1}, *a{1}, *a{1}, *a{1}, *a{1}, *a{1}, *a{1}, *a{1}]\n",
+                            level, level - 1);
+        writeText("bomb.yaml",
+                  "- Clip:\n    min: 0\n    " + String::replaceAllCopy(bomb, "\n", "\n    ") + "\n");
         writeText("typo.yaml", "- Clip: {min: 0, maxx: 10}\n");
         writeText("sampling.yaml",
                   "Version: 8\nName: doubler\nType: NeuralNetwork\nPredictionOutput: [Image]\n"
@@ -348,6 +357,12 @@ INSTANTIATE_TEST_SUITE_P(
              "{dir}/out.nii"},
             1,
             {"Failed to create Properties from YAML", "Could not read the YAML of '{dir}/map-key.yaml'"}},
+        CommandCase{"AliasBomb",
+                    {"process", "--config", "{dir}/bomb.yaml", "--input", "{dir}/input.nii", "--output",
+                     "{dir}/out.nii"},
+                    1,
+                    {"the YAML expands to more than 10000000 values",
+                     "Could not read the YAML of '{dir}/bomb.yaml'"}},
         CommandCase{"UnknownOperation",
                     {"process", "--config", "{dir}/unknown.yaml", "--input", "{dir}/input.nii", "--output",
                      "{dir}/out.nii"},
