@@ -134,39 +134,104 @@ bool readFields(std::vector<FieldArgument> const& arguments, FieldRole role, ML:
     return true;
 }
 
+namespace {
+
+// The set a field writes, or null (logged, naming the field and the file) when it cannot go to
+// that file.
+SharedImageSet const* writableSet(FieldArgument const& argument, ML::DataItem const& item)
+{
+    auto const* element = item.get(argument.field);
+    if (!element) {
+        std::vector<std::string> fields;
+        for (auto const& [name, _] : item.elements())
+            fields.push_back(name);
+        VELMORIA_LOG_ERROR("Cli.Files", "No field '{}' to write to '{}'; the result has: {}", argument.field,
+                           argument.file,
+                           fields.empty() ? std::string("nothing") : String::join(fields, ", "));
+        return nullptr;
+    }
+    auto const* images = dynamic_cast<ML::SISBasedElement const*>(element);
+    if (!images || !images->sis()) {
+        VELMORIA_LOG_ERROR("Cli.Files",
+                           "Field '{}' holds a {} element, which cannot be written to the image file '{}'",
+                           argument.field, ML::elementTypeToString(element->type()), argument.file);
+        return nullptr;
+    }
+    if (ML::ScoreFiles::isScoreFile(argument.file) && element->type() != ML::ElementType::Vector) {
+        VELMORIA_LOG_ERROR("Cli.Files",
+                           "Field '{}' holds a {} element; '{}' is a score file (.json, .csv), which takes a "
+                           "vector field (the scores of a classifier)",
+                           argument.field, ML::elementTypeToString(element->type()), argument.file);
+        return nullptr;
+    }
+    return images->sis().get();
+}
+
+// Formats whose header names a second file (.mhd/.raw, .hdr/.img, .nhdr): renaming the header
+// would break that link, so they are written in place, after every other output is ready.
+bool isPairedFormat(std::string const& path)
+{
+    std::string const lower = String::toLowerCopy(path);
+    for (char const* suffix : {".mhd", ".hdr", ".img", ".nhdr"})
+        if (String::endsWith(lower, suffix))
+            return true;
+    return false;
+}
+
+bool writeOne(SharedImageSet const& set, std::string const& path)
+{
+    return ML::ScoreFiles::isScoreFile(path) ? ML::ScoreFiles::write(set, path)
+                                             : ImageFiles::write(set, path);
+}
+
+} // namespace
+
 bool writeFields(std::vector<FieldArgument> const& arguments, ML::DataItem const& item)
 {
+    // All or none: every field is checked first, then every single-file output is written under a
+    // temporary name beside its target, and only when all of them (and the paired formats) are
+    // written do the temporary files take their names. A failure leaves no new file behind.
+    std::vector<SharedImageSet const*> sets;
     for (auto const& argument : arguments) {
-        auto const* element = item.get(argument.field);
-        if (!element) {
-            std::vector<std::string> fields;
-            for (auto const& [name, _] : item.elements())
-                fields.push_back(name);
-            VELMORIA_LOG_ERROR("Cli.Files", "No field '{}' to write to '{}'; the result has: {}",
-                               argument.field, argument.file,
-                               fields.empty() ? std::string("nothing") : String::join(fields, ", "));
+        sets.push_back(writableSet(argument, item));
+        if (!sets.back())
             return false;
-        }
-        auto const* images = dynamic_cast<ML::SISBasedElement const*>(element);
-        if (!images || !images->sis()) {
-            VELMORIA_LOG_ERROR(
-                "Cli.Files", "Field '{}' holds a {} element, which cannot be written to the image file '{}'",
-                argument.field, ML::elementTypeToString(element->type()), argument.file);
-            return false;
-        }
-        bool const scores = ML::ScoreFiles::isScoreFile(argument.file);
-        if (scores && element->type() != ML::ElementType::Vector) {
-            VELMORIA_LOG_ERROR("Cli.Files",
-                               "Field '{}' holds a {} element; '{}' is a score file (.json, .csv), which "
-                               "takes a vector field (the scores of a classifier)",
-                               argument.field, ML::elementTypeToString(element->type()), argument.file);
-            return false;
-        }
-        bool const written = scores ? ML::ScoreFiles::write(*images->sis(), argument.file)
-                                    : ImageFiles::write(*images->sis(), argument.file);
-        if (!written) {
-            VELMORIA_LOG_ERROR("Cli.Files", "Could not write field '{}' to file '{}'", argument.field,
-                               argument.file);
+    }
+    std::vector<std::pair<std::string, std::string>> staged; // temporary, target
+    auto const discard = [&staged] {
+        std::error_code ignored;
+        for (auto const& [temporary, target] : staged)
+            std::filesystem::remove(temporary, ignored);
+    };
+    auto const failed = [&](FieldArgument const& argument) {
+        VELMORIA_LOG_ERROR("Cli.Files", "Could not write field '{}' to file '{}'", argument.field,
+                           argument.file);
+        discard();
+        return false;
+    };
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        auto const& argument = arguments[i];
+        if (isPairedFormat(argument.file))
+            continue;
+        Path const target(argument.file);
+        std::string const temporary =
+            (target.parentDirectory() /
+             (".velmoria-" + std::to_string(::getpid()) + "-" + std::to_string(i) + "-" + target.fileName()))
+                .str();
+        staged.emplace_back(temporary, argument.file);
+        if (!writeOne(*sets[i], temporary))
+            return failed(argument);
+    }
+    for (std::size_t i = 0; i < arguments.size(); ++i)
+        if (isPairedFormat(arguments[i].file) && !writeOne(*sets[i], arguments[i].file))
+            return failed(arguments[i]);
+    for (auto const& [temporary, target] : staged) {
+        std::error_code error;
+        std::filesystem::rename(temporary, target, error);
+        if (error) {
+            VELMORIA_LOG_ERROR("Cli.Files", "Could not move the written file '{}' to '{}': {}", temporary,
+                               target, error.message());
+            discard();
             return false;
         }
     }

@@ -299,6 +299,12 @@ TEST_P(VelmoriaCommandFailureTest, ExitCodeAndMessage)
     }
     EXPECT_FALSE(Filesystem::File(path("out.nii")).exists()) << "a failed run wrote its output";
     EXPECT_EQ(readValues(path("input.nii")), inputValues()) << "a failed run changed its input";
+    for (auto const& entry : std::filesystem::directory_iterator(m_folder.path().stdPath())) {
+        std::string const name = entry.path().filename().string();
+        EXPECT_TRUE(name.find(".velmoria-") == std::string::npos &&
+                    name.find(".writing-") == std::string::npos)
+            << "a temporary file was left behind: " << name;
+    }
 }
 
 std::vector<std::string> processArguments(std::vector<std::string> extra)
@@ -394,6 +400,12 @@ INSTANTIATE_TEST_SUITE_P(
                                       "{dir}/out.nii", "--output", "label={dir}/out.nii"}),
                     1,
                     {"Fields 'image' and 'label' are both written to '{dir}/out.nii'"}},
+        // All outputs or none: the image is written only if the label can be too.
+        CommandCase{"SecondOutputCannotBeWritten",
+                    processArguments({"--input", "{dir}/input.nii", "--label", "{dir}/labels.nii", "--output",
+                                      "{dir}/out.nii", "--output", "label={dir}/label.jpg"}),
+                    1,
+                    {"Could not write field 'label' to file '{dir}/label.jpg'"}},
         CommandCase{"ImageToScoreFile",
                     processArguments({"--input", "{dir}/input.nii", "--output", "{dir}/scores.json"}),
                     1,
