@@ -1,9 +1,11 @@
 // The small utilities of the host core: text helpers, flag sets, type names and timers.
 #include "host/core/Flags.h"
+#include "host/core/Log.h"
 #include "host/core/Platform.h"
 #include "host/core/Random.h"
 #include "host/core/String.h"
 #include "host/core/Timer.h"
+#include "host/gl/ContextManager.h"
 
 #include <gtest/gtest.h>
 
@@ -60,6 +62,19 @@ TEST(String, ClosestMatchSuggestsOnlyNearKeys)
     EXPECT_EQ(String::closestMatch("spacing", keys), "");
     EXPECT_EQ(String::closestMatch("reso", keys), "");
     EXPECT_EQ(String::closestMatch("x", {}), "");
+}
+
+// This build has no GPU backend: asking for a context is refused with one line saying so, and
+// work meant for the GL thread runs directly.
+TEST(ContextManager, NoBackendMeansNoContextAndFunctionsRunDirectly)
+{
+    EXPECT_FALSE(GL::ContextManager::hasCurrent());
+    Log::Capture capture;
+    EXPECT_FALSE(GL::ContextManager::get().createContext());
+    EXPECT_TRUE(capture.contains(
+        "Cannot create an OpenGL context: this build has no GPU backend, everything runs on the CPU",
+        "Host.ContextManager"));
+    EXPECT_EQ(GL::ContextManager::get().runWithOpenGL([] { return 41 + 1; }, true), 42);
 }
 
 enum class Option : unsigned

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -252,6 +253,36 @@ TEST_F(ImageFilesWrite, ShiftAndScaleAreAppliedSoTheFileHoldsOriginalIntensities
     auto const* written = static_cast<float const*>(read->get(0)->mem()->data());
     for (std::size_t i = 0; i < frame->mem()->valueCount(); ++i)
         EXPECT_FLOAT_EQ(static_cast<float>(stored[i] / 2.0 - 10.0), written[i]) << i;
+}
+
+// A write that cannot succeed says why, naming the path, and leaves what was there (a folder of
+// the target's name stays a folder; no temporary file stays behind).
+TEST_F(ImageFilesWrite, UnusableTargetsAreRefusedNamingTheReason)
+{
+    SharedImageSet const set(IoTest::patternFrame<float>({3, 2, 2}, 1, IoTest::obliqueMatrix()));
+    writeBytes("plain.txt", "a file, not a folder");
+    std::filesystem::create_directory(file("taken.nii"));
+    struct Case
+    {
+        std::string path;
+        std::string reason;
+    };
+    Case const cases[] = {
+        {file("absent/out.nii"), "the folder '" + file("absent") + "' does not exist"},
+        {file("plain.txt/out.nrrd"), "'" + file("plain.txt") + "' is not a folder"},
+        {file("taken.nii"), "a folder of that name exists"},
+        {file("absent/pair.mhd"), "the folder '" + file("absent") + "' does not exist"},
+    };
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.path);
+        Log::Capture capture;
+        EXPECT_FALSE(ImageFiles::write(set, c.path));
+        EXPECT_TRUE(capture.containsFragment("Could not write image file '" + c.path + "': " + c.reason))
+            << ::testing::PrintToString(capture.messages());
+    }
+    EXPECT_TRUE(std::filesystem::is_directory(file("taken.nii")));
+    for (auto const& entry : std::filesystem::directory_iterator(file("")))
+        EXPECT_EQ(entry.path().filename().string().find(".writing-"), std::string::npos) << entry.path();
 }
 
 TEST_F(ImageFilesWrite, RefusesEmptySetsAndFramesOnDifferentGrids)
